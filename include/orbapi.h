@@ -1,0 +1,453 @@
+/*
+ * orbapi.h - read ORB eye-tracker recordings.
+ *
+ * An ORB file holds one recording of an Oculant eye tracker: a text preamble
+ * followed by gaze samples, eye-movement events, messages and the markers
+ * that open and close recording blocks.  This library opens such a file,
+ * orders every item by time and hands the items out one at a time as plain
+ * records.
+ *
+ * Typical use:
+ *
+ *     int err;
+ *     _ORBFILE *f = orb_open_file("run1.orb", 0, 1, 1, &err);
+ *     if (!f) return err;
+ *     int code;
+ *     while ((code = orb_get_next_data(f)) != NO_MORE_ITEMS) {
+ *         ALLF_DATA *d = orb_get_float_data(f);
+ *         if (code == SAMPLE)         use_sample(&d->fs);
+ *         else if (code == RECORDING) use_block(&d->rec);
+ *         else                        use_event(&d->fe);
+ *     }
+ *     orb_close_file(f);
+ *
+ * Every record pointer handed out points into storage owned by the open file
+ * and stays valid until the next call on the same handle.  A handle is used
+ * by one thread at a time; different handles may be used from different
+ * threads at once.
+ *
+ * All times are milliseconds of the tracker clock.  Missing values:
+ * -32768.0 for an absent position, pupil or gaze value, 100000000.0 for an
+ * absent scaled value, resolution or velocity, 32768 for an absent 16-bit
+ * status, input or extra-data type word, 0 for absent buttons.
+ */
+#ifndef ORBAPI_H
+#define ORBAPI_H
+
+#include <stdint.h>
+#include <stddef.h>
+
+#if defined(_WIN32)
+#define ORBAPI_EXPORT __declspec(dllexport)
+#else
+#define ORBAPI_EXPORT __attribute__((visibility("default")))
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ------------------------------------------------------------------------ */
+/* Item-type codes: returned by orb_get_next_data and held in FEVENT.type.  */
+/* ------------------------------------------------------------------------ */
+enum {
+    NO_MORE_ITEMS = 0,  /* stepping went past the last item               */
+    SSPAN = 1,          /* start of a span event                           */
+    ESPAN = 2,          /* end of a span event                             */
+    SBLINK = 3,         /* start of a blink                                */
+    EBLINK = 4,         /* end of a blink                                  */
+    SSACC = 5,          /* start of a saccade                              */
+    ESACC = 6,          /* end of a saccade                                */
+    SFIX = 7,           /* start of a fixation                             */
+    EFIX = 8,           /* end of a fixation                               */
+    POINT9 = 9,         /* point event                                     */
+    POINT10 = 10,       /* point event                                     */
+    SSAMPLES = 15,      /* start of a sample block                         */
+    ESAMPLES = 16,      /* end of a sample block                           */
+    SEVENTS = 17,       /* start of an event block                         */
+    EEVENTS = 18,       /* end of an event block                           */
+    MESSAGE = 24,       /* message with text (FEVENT.message)              */
+    POINT25 = 25,       /* point event                                     */
+    POINT28 = 28,       /* point event                                     */
+    RECORDING = 30,     /* recording block start or end (Recording)        */
+    SAMPLE = 200        /* one gaze sample (FSAMPLE)                       */
+};
+
+/* ------------------------------------------------------------------------ */
+/* Records                                                                  */
+/* Arrays of two are indexed by eye: [0] left, [1] right.                   */
+/* ------------------------------------------------------------------------ */
+
+/* One sample. */
+typedef struct FSAMPLE {
+    uint32_t time;          /* sample time (ms); flags bit 0x0002 adds 0.5 ms */
+    float rawX[2];          /* raw position x (camera units)                 */
+    float rawY[2];          /* raw position y                                */
+    float secondX[2];       /* second position x                             */
+    float secondY[2];       /* second position y                             */
+    float pupilSize[2];     /* pupil size                                    */
+    float gazeX[2];         /* gaze position x                               */
+    float gazeY[2];         /* gaze position y                               */
+    float resolutionX;      /* resolution x (units per degree), both eyes    */
+    float resolutionY;      /* resolution y                                  */
+    float gazeVelX[2];      /* smoothed gaze velocity x (deg/s)              */
+    float gazeVelY[2];      /* smoothed gaze velocity y                      */
+    float secondVelX[2];    /* smoothed second-position velocity x           */
+    float secondVelY[2];    /* smoothed second-position velocity y           */
+    float rawVelX[2];       /* smoothed raw velocity x                       */
+    float rawVelY[2];       /* smoothed raw velocity y                       */
+    float fastGazeVelX[2];  /* two-point gaze velocity x                     */
+    float fastGazeVelY[2];  /* two-point gaze velocity y                     */
+    float fastSecondVelX[2];/* two-point second-position velocity x          */
+    float fastSecondVelY[2];/* two-point second-position velocity y          */
+    float fastRawVelX[2];   /* two-point raw velocity x                      */
+    float fastRawVelY[2];   /* two-point raw velocity y                      */
+    uint16_t extraData[8];  /* extra-data words (raw pupil and CR values)    */
+    uint16_t flags;         /* the sample's flag word as stored; 0x8000 left
+                               eye, 0x4000 right eye recorded                */
+    uint16_t input;         /* input word (also the camera window position)  */
+    uint16_t buttons;       /* buttons word                                  */
+    int16_t extraType;      /* extra-data type byte; -32768 when absent      */
+    uint16_t status;        /* status word                                   */
+} FSAMPLE;
+
+/* The text of a message item: the length as stored, then the bytes as
+ * stored (no terminator is added; the last byte is the terminator's place). */
+typedef struct ORB_MESSAGE {
+    int16_t length;
+    char text[498];
+} ORB_MESSAGE;
+
+/* One event, message or other non-sample item. */
+typedef struct FEVENT {
+    uint32_t time;          /* time of the item                              */
+    uint16_t type;          /* item-type code                                */
+    uint16_t contents;      /* which value groups the item carried           */
+    uint32_t startTime;     /* start time of the event                       */
+    uint32_t endTime;       /* end time of the event                         */
+    float startPosX, startPosY;   /* position at the start                   */
+    float startGazeX, startGazeY; /* gaze position at the start              */
+    float startScalar;      /* start value of the scalar group               */
+    float endPosX, endPosY;       /* position at the end                     */
+    float endGazeX, endGazeY;     /* gaze position at the end                */
+    float endScalar;        /* end value of the scalar group                 */
+    float avgPosX, avgPosY;       /* average position                        */
+    float avgGazeX, avgGazeY;     /* average gaze position                   */
+    float avgScalar;        /* average value of the scalar group             */
+    float avgPupil;         /* average pupil; sample rate in block starts    */
+    float peakPupil;        /* second pupil value                            */
+    float startPupil;       /* pupil at the start                            */
+    float endPupil;         /* pupil at the end                              */
+    float startResX;        /* resolution x at the start                     */
+    float endResX;          /* resolution x at the end                       */
+    float startResY;        /* resolution y at the start                     */
+    float endResY;          /* resolution y at the end                       */
+    int16_t eye;            /* 0 left, 1 right                               */
+    uint16_t aux0;          /* carried without interpretation                */
+    uint16_t blockFlags;    /* block flag word                               */
+    uint16_t blockFlags2;   /* second block flag word                        */
+    uint16_t blockOption;   /* block option word                             */
+    uint16_t itemTag;       /* low byte of the item's tag, bit 0 cleared     */
+    ORB_MESSAGE *message;   /* text of a MESSAGE item; NULL otherwise        */
+} FEVENT;
+
+/* The start or the end of a recording block (item type RECORDING). */
+typedef struct Recording {
+    uint32_t time;          /* time of the boundary                          */
+    float sampleRate;       /* samples per second in force                   */
+    uint16_t eventFlags;    /* flag word of the event block                  */
+    uint16_t sampleFlags;   /* flag word of the sample block                 */
+    uint8_t state;          /* 1 block start, 0 block end                    */
+    uint8_t recordType;     /* 1 samples, 2 events, 3 both                   */
+    uint8_t filterFlag;     /* 1 unless the block's first option equals 1    */
+    uint8_t modeFlag;       /* 1 when the recording mode value is non-zero   */
+    uint8_t modeLevel;      /* filter level of the block                     */
+    uint8_t blockOption2;   /* second option byte of the block               */
+    uint8_t eyes;           /* 1 left, 2 right, 3 both                       */
+    uint64_t orderKey;      /* library's own: ordering key (time x 2)        */
+    uint32_t itemRef;       /* library's own                                 */
+} Recording;
+
+/* Any item as handed out by orb_get_float_data; the code returned by
+ * orb_get_next_data tells which member is meant. */
+typedef union ALLF_DATA {
+    FSAMPLE fs;
+    FEVENT fe;
+    Recording rec;
+} ALLF_DATA;
+
+/* One trial: a stretch of the recording between identifying messages. */
+typedef struct TRIAL {
+    Recording *rec;         /* block start of the block the trial lies in    */
+    uint32_t trialWord;     /* duration in ms (endTime - startTime)          */
+    uint32_t startTime;     /* time of the item that opened the trial        */
+    uint32_t endTime;       /* time of the item that closed it (0 if open)   */
+} TRIAL;
+
+/* One remembered position in the item sequence. */
+typedef struct BOOKMARK {
+    uint32_t id;
+} BOOKMARK;
+
+/* Opaque handle of an open file. */
+typedef struct _ORBFILE _ORBFILE;
+
+/* ------------------------------------------------------------------------ */
+/* Opening and closing                                                      */
+/* ------------------------------------------------------------------------ */
+
+/* Opens the ORB file `fname`, reads its preamble and indexes its items.
+ * `consistency`: bits 0-1 the consistency mode (0 none, 1 check, 2 check and
+ * repair), bit 2 a tolerant scan (a damaged item ends the scan instead of
+ * failing the open), bit 3 switches the time-offset adjustment off.
+ * `loadevents`, `loadsamples`: non-zero to index events / samples.
+ * Sets *errval to 0 and returns the handle, or sets *errval to -1, logs the
+ * reason and returns NULL.  `errval` must be a valid pointer. */
+ORBAPI_EXPORT _ORBFILE *orb_open_file(const char *fname, int consistency,
+                                      int loadevents, int loadsamples,
+                                      int *errval);
+
+/* Closes the file and frees everything it holds.  NULL is accepted.
+ * Returns 0. */
+ORBAPI_EXPORT int orb_close_file(_ORBFILE *ef);
+
+/* ------------------------------------------------------------------------ */
+/* Stepping and reading                                                     */
+/* ------------------------------------------------------------------------ */
+
+/* Advances to the next item in time order and returns its item-type code,
+ * or NO_MORE_ITEMS (0) past the last item (the position then stays). */
+ORBAPI_EXPORT int orb_get_next_data(_ORBFILE *ef);
+
+/* Returns the item that orb_get_next_data stepped onto, as a record owned by
+ * the file, or NULL when there is none or it cannot be read.  Before the
+ * first step the (cleared) buffer is returned unread. */
+ORBAPI_EXPORT ALLF_DATA *orb_get_float_data(_ORBFILE *ef);
+
+/* As orb_get_float_data, but NULL unless the current item is a SAMPLE. */
+ORBAPI_EXPORT ALLF_DATA *orb_get_sample_data(_ORBFILE *ef);
+
+/* As orb_get_float_data, but NULL unless the current item is an event
+ * (codes 1-10, 15-18, 24, 25, 28). */
+ORBAPI_EXPORT ALLF_DATA *orb_get_event_data(_ORBFILE *ef);
+
+/* As orb_get_float_data, but NULL unless the current item is a RECORDING. */
+ORBAPI_EXPORT ALLF_DATA *orb_get_recording_data(_ORBFILE *ef);
+
+/* Moves to the sample recorded at `time` (ms) and returns it, or NULL when
+ * no sample carries exactly that time (the first item never matches).  The
+ * stepping position is left where it was. */
+ORBAPI_EXPORT ALLF_DATA *orb_get_sample_close_to_time(_ORBFILE *ef,
+                                                      unsigned int time);
+
+/* Number of items in the file's time-ordered index. */
+ORBAPI_EXPORT int orb_get_element_count(_ORBFILE *ef);
+
+/* Record casts: return `d` when the 16-bit word at byte offset 4 (FEVENT.type)
+ * says the record is of that kind, else NULL.  Dispatch on the code returned
+ * by orb_get_next_data rather than on these.  `d` must not be NULL. */
+ORBAPI_EXPORT FSAMPLE *orb_get_sample(ALLF_DATA *d);    /* word == 200      */
+ORBAPI_EXPORT FEVENT *orb_get_event(ALLF_DATA *d);      /* word not 200, 30 */
+ORBAPI_EXPORT Recording *orb_get_recording(ALLF_DATA *d); /* word == 30     */
+
+/* ------------------------------------------------------------------------ */
+/* Trials                                                                   */
+/* ------------------------------------------------------------------------ */
+
+/* Number of trials (collected on first use). */
+ORBAPI_EXPORT int orb_get_trial_count(_ORBFILE *ef);
+
+/* Moves to the first item of trial `trial` (0-based).  0, or -1 when there
+ * is no such trial. */
+ORBAPI_EXPORT int orb_jump_to_trial(_ORBFILE *ef, int trial);
+
+/* Copies the current trial (the one last moved to) into *trial.  0, or -1
+ * when `trial` is NULL or no trial has been moved to. */
+ORBAPI_EXPORT int orb_get_trial_header(_ORBFILE *ef, TRIAL *trial);
+
+/* Moves to the previous / next trial.  0, or -1 at the ends. */
+ORBAPI_EXPORT int orb_goto_previous_trial(_ORBFILE *ef);
+ORBAPI_EXPORT int orb_goto_next_trial(_ORBFILE *ef);
+
+/* Moves to the first trial that starts / ends exactly at `time` (ms).
+ * 0, or -1 when none does (the position is then unchanged). */
+ORBAPI_EXPORT int orb_goto_trial_with_start_time(_ORBFILE *ef,
+                                                 unsigned int time);
+ORBAPI_EXPORT int orb_goto_trial_with_end_time(_ORBFILE *ef,
+                                               unsigned int time);
+
+/* Sets the texts that start and end a trial (a message containing the text)
+ * and collects the trials anew.  The file keeps the pointers, not copies:
+ * the strings must outlive the handle.  `end_marker` may be NULL (trials
+ * then end at the next start or at the block end).  Returns 0. */
+ORBAPI_EXPORT int orb_set_trial_identifier(_ORBFILE *ef, char *start_marker,
+                                           char *end_marker);
+
+/* The current start identifier ("TRIALID" unless set) and end identifier
+ * (NULL unless set). */
+ORBAPI_EXPORT char *orb_get_start_trial_identifier(_ORBFILE *ef);
+ORBAPI_EXPORT char *orb_get_end_trial_identifier(_ORBFILE *ef);
+
+/* ------------------------------------------------------------------------ */
+/* Bookmarks                                                                */
+/* ------------------------------------------------------------------------ */
+
+/* Remembers the current position in *bm.  0 on success (a position already
+ * bookmarked succeeds and leaves *bm unwritten), -1 when bm is NULL or every
+ * item has been handed out. */
+ORBAPI_EXPORT int orb_set_bookmark(_ORBFILE *ef, BOOKMARK *bm);
+
+/* Forgets the bookmark *bm.  0, or -1 when it is unknown. */
+ORBAPI_EXPORT int orb_free_bookmark(_ORBFILE *ef, BOOKMARK *bm);
+
+/* Moves to the bookmark *bm.  0, or -1 when it is unknown. */
+ORBAPI_EXPORT int orb_goto_bookmark(_ORBFILE *ef, BOOKMARK *bm);
+
+/* Moves to the bookmark set after / before the one last gone to.
+ * 0, or -1 when there is none (nothing changes then). */
+ORBAPI_EXPORT int orb_goto_next_bookmark(_ORBFILE *ef);
+ORBAPI_EXPORT int orb_goto_previous_bookmark(_ORBFILE *ef);
+
+/* ------------------------------------------------------------------------ */
+/* Preamble and file facts                                                  */
+/* ------------------------------------------------------------------------ */
+
+/* Length of the preamble text plus one (room for the terminator), or 0 when
+ * the file has none.  Ask before orb_get_preamble_text. */
+ORBAPI_EXPORT int orb_get_preamble_text_length(_ORBFILE *ef);
+
+/* Copies at most length - 1 characters of the preamble text (each line
+ * prefixed by "** ") into `buffer` and terminates it.  Returns 0. */
+ORBAPI_EXPORT int orb_get_preamble_text(_ORBFILE *ef, char *buffer,
+                                        int length);
+
+/* The library's version text. */
+ORBAPI_EXPORT const char *orb_get_version(void);
+
+/* Tracker revision from the preamble (0 when absent). */
+ORBAPI_EXPORT int orb_get_revision(_ORBFILE *ef);
+
+/* Tracker model: 1 by default, 2 for MK, 3 for HQ. */
+ORBAPI_EXPORT int orb_get_oculant_revision(_ORBFILE *ef);
+
+/* ------------------------------------------------------------------------ */
+/* Logging                                                                  */
+/* ------------------------------------------------------------------------ */
+
+/* Routes every diagnostic line of the library (each ends in "\n") to `fcn`;
+ * NULL restores printing to standard output.  Process-wide: set it once,
+ * before files are opened. */
+ORBAPI_EXPORT void orb_set_log_function(void (*fcn)(char *));
+
+/* Formats one diagnostic line (printf style, at most 499 characters) and
+ * hands it to the log function.  Without one the formatted text is printed
+ * to standard output with printf, used as a format a second time.
+ * Returns 0. */
+ORBAPI_EXPORT int print_log(char *fmt, ...);
+
+/* ------------------------------------------------------------------------ */
+/* Raw pupil and corneal-reflection (CR) values of a sample                 */
+/* `s` is a sample of this file, `eye` 0 (left) or 1 (right).               */
+/* ------------------------------------------------------------------------ */
+
+/* Pupil area in camera pixels, before CR correction; 0 when absent. */
+ORBAPI_EXPORT int orb_get_uncorrected_pupil_area(_ORBFILE *ef, FSAMPLE *s,
+                                                 int eye);
+
+/* CR area, before correction. */
+ORBAPI_EXPORT int orb_get_uncorrected_cr_area(_ORBFILE *ef, FSAMPLE *s,
+                                              int eye);
+
+/* Area of a second CR; 0 when the sample carries none. */
+ORBAPI_EXPORT int orb_get_uncorrected_cr2_area(_ORBFILE *ef, FSAMPLE *s,
+                                               int eye);
+
+/* Pupil width and height into dim[0], dim[1]. */
+ORBAPI_EXPORT void orb_get_pupil_dimension(_ORBFILE *ef, FSAMPLE *s, int eye,
+                                           int *dim);
+
+/* CR width and height into dim[0], dim[1]. */
+ORBAPI_EXPORT void orb_get_cr_dimension(_ORBFILE *ef, FSAMPLE *s, int *dim);
+
+/* Camera window position into pos[0] (x), pos[1] (y). */
+ORBAPI_EXPORT void orb_get_window_position(_ORBFILE *ef, FSAMPLE *s,
+                                           int *pos);
+
+/* Pupil centre in camera coordinates into xy[0], xy[1]; 100000000.0 when
+ * absent. */
+ORBAPI_EXPORT void orb_get_uncorrected_raw_pupil(_ORBFILE *ef, FSAMPLE *s,
+                                                 int eye, float *xy);
+
+/* CR centre in camera coordinates. */
+ORBAPI_EXPORT void orb_get_uncorrected_raw_cr(_ORBFILE *ef, FSAMPLE *s,
+                                              int eye, float *xy);
+
+/* Second CR centre in camera coordinates. */
+ORBAPI_EXPORT void orb_get_uncorrected_raw_cr2(_ORBFILE *ef, FSAMPLE *s,
+                                               int eye, float *xy);
+
+/* Pupil centre minus 1.02 x CR centre, after removing the CR's overlap from
+ * the pupil; written to xy[0], xy[1] and returns xy. */
+ORBAPI_EXPORT float *orb_get_pupil_cr(_ORBFILE *ef, FSAMPLE *s, int eye,
+                                      float *xy);
+
+#ifdef __cplusplus
+} /* extern "C" */
+
+/* These five keep C++ linkage: C++ callers link to them as declared here. */
+
+/* Samples per second of the recording block the position is in; 0 outside
+ * a block. */
+ORBAPI_EXPORT float orb_get_sample_per_second(_ORBFILE *ef);
+
+/* 1000 / samples per second, truncated (2 at 500 Hz, 0 at 2000 Hz); 0
+ * outside a block. */
+ORBAPI_EXPORT int orb_get_sample_interval(_ORBFILE *ef);
+
+/* 1000 / samples per second, not truncated; 0 outside a block. */
+ORBAPI_EXPORT double orb_get_sample_interval_ex(_ORBFILE *ef);
+
+/* Filter level of the latest block start (0 to 15). */
+ORBAPI_EXPORT int get_filter_level_for_sample(_ORBFILE *ef);
+
+/* The current position: the index of the next item orb_get_next_data
+ * will step onto. */
+ORBAPI_EXPORT int orb_get_element_index(_ORBFILE *ef);
+#endif
+
+/* Layout checks: callers and the library agree on every offset. */
+#ifdef __cplusplus
+#define ORBAPI_STATIC_ASSERT static_assert
+#else
+#define ORBAPI_STATIC_ASSERT _Static_assert
+#endif
+ORBAPI_STATIC_ASSERT(offsetof(FSAMPLE, rawX) == 4, "FSAMPLE layout");
+ORBAPI_STATIC_ASSERT(offsetof(FSAMPLE, resolutionX) == 60, "FSAMPLE layout");
+ORBAPI_STATIC_ASSERT(offsetof(FSAMPLE, gazeVelX) == 68, "FSAMPLE layout");
+ORBAPI_STATIC_ASSERT(offsetof(FSAMPLE, fastRawVelY) == 156, "FSAMPLE layout");
+ORBAPI_STATIC_ASSERT(offsetof(FSAMPLE, extraData) == 164, "FSAMPLE layout");
+ORBAPI_STATIC_ASSERT(offsetof(FSAMPLE, flags) == 180, "FSAMPLE layout");
+ORBAPI_STATIC_ASSERT(offsetof(FSAMPLE, extraType) == 186, "FSAMPLE layout");
+ORBAPI_STATIC_ASSERT(offsetof(FSAMPLE, status) == 188, "FSAMPLE layout");
+ORBAPI_STATIC_ASSERT(sizeof(FSAMPLE) == 192, "FSAMPLE size");
+ORBAPI_STATIC_ASSERT(sizeof(ORB_MESSAGE) == 500, "ORB_MESSAGE size");
+ORBAPI_STATIC_ASSERT(offsetof(FEVENT, type) == 4, "FEVENT layout");
+ORBAPI_STATIC_ASSERT(offsetof(FEVENT, startTime) == 8, "FEVENT layout");
+ORBAPI_STATIC_ASSERT(offsetof(FEVENT, startPosX) == 16, "FEVENT layout");
+ORBAPI_STATIC_ASSERT(offsetof(FEVENT, endResY) == 104, "FEVENT layout");
+ORBAPI_STATIC_ASSERT(offsetof(FEVENT, eye) == 108, "FEVENT layout");
+ORBAPI_STATIC_ASSERT(offsetof(FEVENT, itemTag) == 118, "FEVENT layout");
+ORBAPI_STATIC_ASSERT(offsetof(FEVENT, message) == 120, "FEVENT layout");
+ORBAPI_STATIC_ASSERT(sizeof(FEVENT) == 128, "FEVENT size");
+ORBAPI_STATIC_ASSERT(offsetof(Recording, eventFlags) == 8, "Recording layout");
+ORBAPI_STATIC_ASSERT(offsetof(Recording, state) == 12, "Recording layout");
+ORBAPI_STATIC_ASSERT(offsetof(Recording, eyes) == 18, "Recording layout");
+ORBAPI_STATIC_ASSERT(offsetof(Recording, orderKey) == 24, "Recording layout");
+ORBAPI_STATIC_ASSERT(offsetof(Recording, itemRef) == 32, "Recording layout");
+ORBAPI_STATIC_ASSERT(sizeof(Recording) == 40, "Recording size");
+ORBAPI_STATIC_ASSERT(sizeof(ALLF_DATA) == 192, "ALLF_DATA size");
+ORBAPI_STATIC_ASSERT(offsetof(TRIAL, trialWord) == sizeof(void *), "TRIAL layout");
+ORBAPI_STATIC_ASSERT(offsetof(TRIAL, endTime) == sizeof(void *) + 8, "TRIAL layout");
+ORBAPI_STATIC_ASSERT(sizeof(BOOKMARK) == 4, "BOOKMARK size");
+
+#endif /* ORBAPI_H */

@@ -1,0 +1,122 @@
+// Byte streams over a recording.  Every byte the library reads passes
+// through an InputStream: big-endian typed readers on top of four primitive
+// operations.  The typed readers take their bytes straight from a window of
+// buffered data when it holds enough, so that decoding a field costs a few
+// instructions; the primitives are used only at window boundaries.
+#ifndef ORBAPI_NVIO_H
+#define ORBAPI_NVIO_H
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+
+class InputStream {
+public:
+    virtual ~InputStream() = default;
+
+    // True once a read has run into the end of the data (not merely when
+    // the position equals the size).
+    virtual bool eof() const = 0;
+    // Reads up to count bytes; returns how many were read.  Short reads are
+    // not errors here.
+    virtual int getRawData(void* buffer, int count) = 0;
+    // Moves to an absolute offset; the position counter takes the value
+    // whether or not the move succeeded.  Returns 0 on success.
+    virtual int seek(long position) = 0;
+    // Reads one line of at most size-1 bytes (keeping its newline when it
+    // fits).  Returns its length, or -1 when nothing could be read.
+    virtual int getTerminatedString(char* buffer, int size) = 0;
+
+    // Typed readers: big-endian; each logs and throws
+    // ORBException("End of file Exception") on a short read.
+    int getByte()
+    {
+        if (cur_ < end_) {
+            ++position_;
+            return *cur_++;
+        }
+        return getByteSlow();
+    }
+    int getWord()
+    {
+        if (end_ - cur_ >= 2) {
+            int v = (cur_[0] << 8) | cur_[1];
+            cur_ += 2;
+            position_ += 2;
+            return v;
+        }
+        return getWordSlow();
+    }
+    unsigned int getInt()
+    {
+        if (end_ - cur_ >= 4) {
+            unsigned int v = (uint32_t(cur_[0]) << 24) | (uint32_t(cur_[1]) << 16) |
+                             (uint32_t(cur_[2]) << 8) | uint32_t(cur_[3]);
+            cur_ += 4;
+            position_ += 4;
+            return v;
+        }
+        return getIntSlow();
+    }
+    // Skips n bytes as getRawData would consume them; returns the count.
+    int skip(int n);
+    // Reads a line with getTerminatedString.  Fails (throws) only when the
+    // line read is empty; when nothing at all could be read it returns 0 and
+    // leaves the buffer as it was (callers watch eof()).
+    int getString(char* buffer, int size);
+
+    // Bytes consumed so far, counted from the last seek.
+    int32_t position() const { return position_; }
+
+protected:
+    // The window of data that the typed readers may take without a call:
+    // [cur_, end_).  Implementations keep position_ in step when they move
+    // cur_ themselves.
+    const unsigned char* cur_ = nullptr;
+    const unsigned char* end_ = nullptr;
+    int32_t position_ = 0;
+
+private:
+    int getByteSlow();
+    int getWordSlow();
+    unsigned int getIntSlow();
+};
+
+// A stream over a standard-I/O file, read through a large buffer.  Its eof(),
+// short reads, line reads and seeks behave exactly as feof, fread, fgets and
+// fseek on the file would.
+class FileInputStream : public InputStream {
+public:
+    // Opens path for reading; logs and throws "File Could not be opened!"
+    // when it cannot.
+    explicit FileInputStream(const char* path);
+    // Adopts an open file (closed with the stream) and rewinds it.
+    explicit FileInputStream(FILE* file);
+    ~FileInputStream() override;
+
+    FileInputStream(const FileInputStream&) = delete;
+    FileInputStream& operator=(const FileInputStream&) = delete;
+
+    bool eof() const override { return eof_; }
+    int getRawData(void* buffer, int count) override;
+    int seek(long position) override;
+    int getTerminatedString(char* buffer, int size) override;
+
+    // The underlying file, positioned where the stream's reads have got to.
+    FILE* getRawFile();
+
+private:
+    static constexpr size_t kBufferSize = 256 * 1024;
+
+    // Refills the window from the file; false at end of file or on error.
+    bool refill();
+    // File offset of the next byte the window hands out.
+    long offset() const { return bufferStart_ + (cur_ - buffer_.get()); }
+
+    FILE* file_ = nullptr;
+    std::unique_ptr<unsigned char[]> buffer_;
+    long bufferStart_ = 0; // file offset of buffer_[0]
+    bool eof_ = false;
+};
+
+#endif

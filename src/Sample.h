@@ -1,0 +1,24 @@
+// One decoded sample together with the operations on it.
+#ifndef ORBAPI_SAMPLE_H
+#define ORBAPI_SAMPLE_H
+
+#include "orbapi.h"
+
+// Missing-value markers of the records.
+constexpr float kMissingPosition = -32768.0f; // absent position, pupil, gaze
+constexpr float kMissingValue = 100000000.0f; // absent scaled value, velocity
+
+// Position kinds of getSampleData.
+enum PositionKind { kGazePosition = 192, kSecondPosition = 128, kRawPosition = 64 };
+
+class Sample {
+public:
+    FSAMPLE fs{};
+
+    // One position pair of one eye: false (and both missing) when the eye
+    // was not recorded; true otherwise, with both missing when the eye was
+    // closed (pupil at most 15.0) or the group is absent.
+    bool getSampleData(float* x, float* y, int eye, int kind) const;
+};
+
+#endif

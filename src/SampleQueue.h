@@ -1,0 +1,60 @@
+// The span of up to 512 decoded samples around the current one, from which
+// samples are handed out and velocities computed.
+#ifndef ORBAPI_SAMPLEQUEUE_H
+#define ORBAPI_SAMPLEQUEUE_H
+
+#include <cstdint>
+
+#include "Sample.h"
+
+class ORBFile;
+
+class SampleQueue {
+public:
+    static constexpr int kSlots = 512;
+
+    explicit SampleQueue(ORBFile* file);
+
+    // Empties the queue and resets the carried pupil sizes.
+    void clear();
+    // Drops the oldest 128 entries.
+    void shiftQueue();
+    // Appends s under key (ignored unless key is above the last key), after
+    // the pupil carry, which may change s's pupil sizes.  Returns 0.
+    int addSample(Sample* s, unsigned long long key);
+    // Whether a batch starting at key cannot simply extend the queue.
+    bool isOutOfBoundsToAdd(unsigned long long key) const;
+    // Fast lookup by arithmetic on the key step; *pos gets the slot or -1.
+    Sample* getOldSample(unsigned long long key, int* pos = nullptr);
+    // Linear lookup.
+    Sample* getOldSampleSlow(unsigned long long key, int* pos = nullptr);
+    // The sample of index entry itemIndex, reading a batch when needed.
+    Sample* getSample(int itemIndex);
+
+    // Fills the velocity members of s (a queue entry) from its neighbours.
+    int setVelocity(Sample* s, int rate);
+    // One velocity pair of one eye and kind into vx[eye], vy[eye].
+    void getVelocity(bool fast, int kind, int rate, Sample* const* neighbours, int count,
+                     int eye, float* vx, float* vy) const;
+    // The standard and the high-speed filters over p[0..n-1].
+    double calcVelocity_non_hspd(bool fast, const float* p, int n, float resolution,
+                                 float rate) const;
+    double calcVelocity_hspd(bool fast, const float* p, int n, float resolution,
+                             float rate) const;
+
+    int size() const { return count_; }
+    unsigned long long keyAt(int slot) const { return slots_[slot].key; }
+
+private:
+    struct Slot {
+        Sample sample;
+        unsigned long long key;
+    };
+
+    int count_ = 0;
+    Slot slots_[kSlots];
+    ORBFile* file_;
+    float carriedPupil_[2];
+};
+
+#endif

@@ -1,0 +1,14 @@
+// Diagnostics: every line the library reports goes through the process-wide
+// log function that the caller sets with orb_set_log_function, or to
+// standard output when none is set.
+#ifndef ORBAPI_LOG_H
+#define ORBAPI_LOG_H
+
+#include <cstdarg>
+
+// Formats one line (at most 499 characters) and emits it. Returns 0.
+// print_log of the function interface is this, under its exported name.
+int orb_log(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+int orb_logv(const char* fmt, va_list args);
+
+#endif
