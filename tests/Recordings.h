@@ -1,0 +1,56 @@
+// Small recordings shared by the tests of the function interface.
+#ifndef ORBAPI_TESTS_RECORDINGS_H
+#define ORBAPI_TESTS_RECORDINGS_H
+
+#include <string>
+#include <vector>
+
+#include "OrbWriter.h"
+
+namespace orbtest {
+
+constexpr unsigned kMessageCode = 24;
+
+inline EventItem message(uint32_t time, const std::string& text)
+{
+    return EventItem(kMessageCode, -1).start(time).message(text);
+}
+
+// One recording block: sample and event block starts at t0, n binocular
+// samples one period apart, the block ends one millisecond after the last.
+// `between` is called after every sample with its index and time.
+template <class Between>
+void addBlock(OrbWriter& w, uint32_t t0, int n, double rate, Between between)
+{
+    const uint16_t flags = kSampleBit | kLeft | kRight | kGaze | kRes | kPupil;
+    w.add(blockStart(15, t0, rate, flags, 10));
+    w.add(blockStart(17, t0, rate, 0xC000, 10, 10, 0x0312, 0xC000));
+    double period = 1000.0 / rate;
+    uint32_t last = t0;
+    for (int i = 0; i < n; ++i) {
+        uint32_t t = t0 + uint32_t(i * period);
+        SampleItem s;
+        s.flags = flags | kFullTime;
+        s.time = t;
+        for (int e = 0; e < 2; ++e) {
+            s.gaze[e][0] = int16_t(1000 + 10 * i + e);
+            s.gaze[e][1] = int16_t(2000 - 10 * i);
+            s.pupil[e] = int16_t(800 + e);
+        }
+        s.res[0] = s.res[1] = 400;
+        w.add(s);
+        between(i, t);
+        last = t;
+    }
+    w.add(blockEnd(16, last + 1));
+    w.add(blockEnd(18, last + 1));
+}
+
+inline void addBlock(OrbWriter& w, uint32_t t0, int n, double rate = 500.0)
+{
+    addBlock(w, t0, n, rate, [](int, uint32_t) {});
+}
+
+} // namespace orbtest
+
+#endif

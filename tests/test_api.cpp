@@ -1,0 +1,213 @@
+// The function interface: stepping, typed readers, rates, preamble, lookup
+// by time, logging.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "Recordings.h"
+#include "orbapi.h"
+
+using namespace orbtest;
+
+namespace {
+
+_ORBFILE* openWriter(const OrbWriter& w, int consistency = 0)
+{
+    int err = 123;
+    std::string path = w.write();
+    _ORBFILE* f = orb_open_file(path.c_str(), consistency, 1, 1, &err);
+    EXPECT_EQ(err, f ? 0 : -1);
+    return f;
+}
+
+// Steps until the next item with this code; false at the end.
+bool stepTo(_ORBFILE* f, int code)
+{
+    int c;
+    while ((c = orb_get_next_data(f)) != NO_MORE_ITEMS)
+        if (c == code) return true;
+    return false;
+}
+
+} // namespace
+
+TEST(Api, OpenFailureGivesNullAndLogsTheReason)
+{
+    LogCapture log;
+    int err = 5;
+    EXPECT_EQ(orb_open_file("/no/such.orb", 0, 1, 1, &err), nullptr);
+    EXPECT_EQ(err, -1);
+    EXPECT_TRUE(log.contains("File Could not be opened!\n"));
+
+    OrbWriter bad;
+    bad.magic = "NOT AN ORB FILE\n";
+    EXPECT_EQ(openWriter(bad), nullptr);
+    EXPECT_TRUE(log.contains("Bad magic.  Corrupt orb file. \n\n"));
+    EXPECT_EQ(orb_close_file(nullptr), 0);
+}
+
+TEST(Api, SteppingAnEmptyFileAndPastTheEnd)
+{
+    OrbWriter empty;
+    _ORBFILE* f = openWriter(empty);
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(orb_get_element_count(f), 0);
+    EXPECT_EQ(orb_get_next_data(f), NO_MORE_ITEMS);
+    EXPECT_EQ(orb_get_element_index(f), 0);
+    EXPECT_EQ(orb_get_trial_count(f), 0);
+    orb_close_file(f);
+
+    OrbWriter w;
+    addBlock(w, 1000, 3);
+    f = openWriter(w);
+    int n = orb_get_element_count(f);
+    ASSERT_GT(n, 0);
+    while (orb_get_next_data(f) != NO_MORE_ITEMS) {}
+    EXPECT_EQ(orb_get_element_index(f), n);
+    EXPECT_EQ(orb_get_next_data(f), NO_MORE_ITEMS);
+    EXPECT_EQ(orb_get_element_index(f), n);
+    orb_close_file(f);
+}
+
+TEST(Api, TypedReadersMatchTheCurrentItem)
+{
+    OrbWriter w;
+    addBlock(w, 1000, 3);
+    _ORBFILE* f = openWriter(w);
+    EXPECT_EQ(orb_get_sample_data(f), nullptr);
+    EXPECT_EQ(orb_get_event_data(f), nullptr);
+    EXPECT_EQ(orb_get_recording_data(f), nullptr);
+
+    ASSERT_EQ(orb_get_next_data(f), RECORDING);
+    EXPECT_EQ(orb_get_sample_data(f), nullptr);
+    EXPECT_EQ(orb_get_event_data(f), nullptr);
+    ALLF_DATA* d = orb_get_recording_data(f);
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(orb_get_recording(d), &d->rec);
+    EXPECT_EQ(d->rec.time, 1000u);
+    EXPECT_FLOAT_EQ(d->rec.sampleRate, 500.0f);
+    EXPECT_EQ(d->rec.eyes, 3);
+
+    ASSERT_TRUE(stepTo(f, SAMPLE));
+    d = orb_get_sample_data(f);
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(orb_get_sample(d), &d->fs);
+    EXPECT_EQ(orb_get_event(d), nullptr);
+    EXPECT_EQ(d->fs.time, 1000u);
+    EXPECT_FLOAT_EQ(d->fs.gazeX[0], 100.0f);
+    EXPECT_EQ(orb_get_event_data(f), nullptr);
+    orb_close_file(f);
+}
+
+TEST(Api, RecordCastsTestTheWordAtOffsetFour)
+{
+    ALLF_DATA d;
+    std::memset(&d, 0, sizeof d);
+    d.fe.type = 200;
+    EXPECT_EQ(orb_get_event(&d), nullptr);
+    EXPECT_NE(orb_get_sample(&d), nullptr);
+    d.fe.type = 30;
+    EXPECT_EQ(orb_get_event(&d), nullptr);
+    EXPECT_NE(orb_get_recording(&d), nullptr);
+    d.fe.type = 7;
+    EXPECT_EQ(orb_get_event(&d), &d.fe);
+    EXPECT_EQ(orb_get_sample(&d), nullptr);
+    EXPECT_EQ(orb_get_recording(&d), nullptr);
+}
+
+TEST(Api, SampleRateAndIntervalFollowTheBlock)
+{
+    struct Case {
+        double rate;
+        int interval;
+        double exact;
+    } cases[] = {{500.0, 2, 2.0}, {2000.0, 0, 0.5}, {250.0, 4, 4.0}};
+    for (const Case& c : cases) {
+        OrbWriter w;
+        addBlock(w, 1000, 4, c.rate);
+        _ORBFILE* f = openWriter(w);
+        EXPECT_EQ(orb_get_sample_per_second(f), 0.0f);
+        EXPECT_EQ(orb_get_sample_interval(f), 0);
+        ASSERT_EQ(orb_get_next_data(f), RECORDING);
+        EXPECT_FLOAT_EQ(orb_get_sample_per_second(f), float(c.rate));
+        EXPECT_EQ(orb_get_sample_interval(f), c.interval);
+        EXPECT_DOUBLE_EQ(orb_get_sample_interval_ex(f), c.exact);
+        EXPECT_EQ(get_filter_level_for_sample(f), 1); // mode word 0x0312
+        ASSERT_TRUE(stepTo(f, RECORDING)); // the block end
+        EXPECT_EQ(orb_get_sample_per_second(f), 0.0f);
+        EXPECT_EQ(orb_get_sample_interval(f), 0);
+        EXPECT_EQ(orb_get_sample_interval_ex(f), 0.0);
+        orb_close_file(f);
+    }
+}
+
+TEST(Api, PreambleTextAndFacts)
+{
+    OrbWriter w;
+    w.preamble = {"VERSION: OCULANT MK 3\n", "SOURCE: OCULANT HQ\n"};
+    _ORBFILE* f = openWriter(w);
+    const std::string text = "** VERSION: OCULANT MK 3\n** SOURCE: OCULANT HQ\n";
+    EXPECT_EQ(orb_get_preamble_text_length(f), int(text.size()) + 1);
+    EXPECT_EQ(orb_get_revision(f), 3);
+    EXPECT_EQ(orb_get_oculant_revision(f), 3);
+    EXPECT_STREQ(orb_get_version(), "3.1 Linux Sep  2 2011");
+
+    char one[4] = {'x', 'y', 'z', '\0'};
+    orb_get_preamble_text(f, one, 1);
+    EXPECT_EQ(one[0], '\0');
+    EXPECT_EQ(one[1], 'y');
+
+    char small[8];
+    orb_get_preamble_text(f, small, sizeof small);
+    EXPECT_STREQ(small, "** VERS");
+
+    char large[500];
+    std::memset(large, 'q', sizeof large);
+    orb_get_preamble_text(f, large, sizeof large);
+    EXPECT_EQ(std::string(large), text);
+    orb_close_file(f);
+}
+
+TEST(Api, SampleCloseToTime)
+{
+    OrbWriter w;
+    addBlock(w, 1000, 10);
+    _ORBFILE* f = openWriter(w);
+    ALLF_DATA* d = orb_get_sample_close_to_time(f, 1004);
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(d->fs.time, 1004u);
+    EXPECT_EQ(orb_get_element_index(f), 0); // the cursor stays
+    EXPECT_EQ(orb_get_sample_close_to_time(f, 1005), nullptr);
+    // Times of 2^31 and more wrap when doubled.
+    d = orb_get_sample_close_to_time(f, 0x80000000u + 1006);
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(d->fs.time, 1006u);
+    orb_close_file(f);
+}
+
+TEST(Log, SinkReceivesTheFormattedTextOnce)
+{
+    LogCapture log;
+    char fmt[] = "value %s %d%%\n";
+    EXPECT_EQ(print_log(fmt, "%d", 5), 0);
+    ASSERT_EQ(log.lines().size(), 1u);
+    EXPECT_EQ(log.lines()[0], "value %d 5%\n");
+
+    std::string longText(700, 'a');
+    char sfmt[] = "%s";
+    print_log(sfmt, longText.c_str());
+    EXPECT_EQ(log.lines().back(), std::string(499, 'a'));
+}
+
+TEST(Log, StandardOutputFormatsTheTextAgain)
+{
+    orb_set_log_function(nullptr);
+    testing::internal::CaptureStdout();
+    char fmt[] = "100%%%% done %s\n";
+    print_log(fmt, "%%");
+    char plain[] = "plain\n";
+    print_log(plain);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out, "100% done %\nplain\n");
+}
