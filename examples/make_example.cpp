@@ -18,7 +18,7 @@ int main(int argc, char** argv)
         return 2;
     }
     OrbWriter w;
-    w.preamble = {"DATE: Sat Nov 21 09:30:00 2026\n", "TYPE: EDF_FILE BINARY EVENT SAMPLE TAGGED\n",
+    w.preamble = {"DATE: Sat Nov 21 09:30:00 2026\n", "TYPE: BINARY EVENT SAMPLE TAGGED\n",
                   "VERSION: OCULANT MK 3\n", "SOURCE: OCULANT MK\n",
                   "CONVERTER: NVEB1.6.1\n", "CAMERA: Example Camera\n"};
     const uint16_t flags = kSampleBit | kLeft | kRight | kRaw | kGaze | kRes | kPupil | kStatus |
