@@ -179,6 +179,14 @@ public:
     OrbWriter& add(const EventItem& e) { Bytes b = e.bytes(); return raw(b); }
     OrbWriter& raw(const Bytes& b) { body_.insert(body_.end(), b.begin(), b.end()); return *this; }
     const Bytes& body() const { return body_; }
+    // Bytes of the magic line, the preamble and its end line: the offset of
+    // the first item in a plain file.
+    size_t headerSize() const
+    {
+        size_t n = magic.size() + (endPreamble ? 6 : 0);
+        for (const std::string& line : preamble) n += line.size();
+        return n;
+    }
 
     Bytes build() const
     {

@@ -1,0 +1,369 @@
+// Event decoding: the field list, messages, block starts and ends and what
+// they change in the file, on items laid out byte by byte.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ORBException.h"
+#include "ORBFile.h"
+#include "OrbWriter.h"
+
+using namespace orbtest;
+
+namespace {
+
+// A file with w's preamble, its stream standing on w's first item, opened
+// over an empty item stream so that the decoder state is the fresh one.
+std::unique_ptr<ORBFile> openAtItems(const OrbWriter& w)
+{
+    OrbWriter head;
+    head.magic = w.magic;
+    head.preamble = w.preamble;
+    auto f = std::make_unique<ORBFile>(head.write().c_str(), 0, true, true);
+    f->stream = std::make_unique<FileInputStream>(w.write().c_str());
+    f->stream->seek(long(w.headerSize()));
+    return f;
+}
+
+// Decodes the next event into a cleared record.
+EData next(ORBFile& f, int expected = 0)
+{
+    EData e(&f, nullptr);
+    EXPECT_EQ(f.read_combfile_event(&e, 0), expected);
+    return e;
+}
+
+using Floats = std::vector<float>;
+using Lines = std::vector<std::string>;
+
+// The 23 float members in record order.
+Floats floats(const FEVENT& e)
+{
+    return {e.startPosX, e.startPosY,  e.startGazeX, e.startGazeY, e.startScalar, e.endPosX,
+            e.endPosY,   e.endGazeX,   e.endGazeY,   e.endScalar,   e.avgPosX,    e.avgPosY,
+            e.avgGazeX,  e.avgGazeY,   e.avgScalar,  e.avgPupil,    e.peakPupil,  e.startPupil,
+            e.endPupil,  e.startResX,  e.endResX,    e.startResY,   e.endResY};
+}
+
+EventItem blockStartOf(unsigned type, uint32_t rate16)
+{
+    EventItem e(type, -1);
+    e.start(1000).word(48, 10).word(81, 10).word(114, 2);
+    if (rate16) e.end(rate16);
+    e.words(75, 0x0312, 0);
+    return e;
+}
+
+} // namespace
+
+TEST(DecodeEvent, FieldTable)
+{
+    OrbWriter w;
+    w.add(EventItem(EFIX, 1, 0x37)
+              .start(1234).end(5678)
+              .words(41, 100, -32768).words(42, 40, 80)
+              .word(48, 5).word(81, -6).word(114, 7)
+              .word(51, 30).word(83, 32).word(115, 34).word(147, 36)
+              .words(73, 200, 201).words(74, -32768, 8)
+              .words(105, 300, 301).words(106, 12, 16)
+              .words(43, 20, 24).words(75, 28, 32)
+              .word(180, 0xBEEF).word(85, 0xCAFE).word(86, 0xF00D));
+    w.add(EventItem(POINT9, 0).words(40, 5, 7));
+    w.add(EventItem(POINT10, 0).words(72, 9, 11).words(104, 13, 15));
+    w.add(EventItem(POINT25, 0).words(40, -32768, 3));
+    auto f = openAtItems(w);
+    f->gazeDivisor = 4.0f;
+    f->secondScale = 2.0f;
+
+    EData e(f.get(), nullptr);
+    e.fe.aux0 = 0x5555;
+    ASSERT_EQ(f->read_combfile_event(&e, 0), 0);
+    const FEVENT& fe = e.fe;
+    EXPECT_EQ(fe.type, EFIX);
+    EXPECT_EQ(fe.eye, 1);
+    EXPECT_EQ(f->eventEye, 1);
+    EXPECT_EQ(fe.itemTag, 0x36);
+    EXPECT_EQ(fe.contents, 0x3BFF);
+    EXPECT_EQ(fe.startTime, 1234u);
+    EXPECT_EQ(fe.endTime, 5678u);
+    EXPECT_EQ(floats(fe), (Floats{100, 1e8f, 10, 20, 5, 200, 201, 1e8f, 2, -6, 300, 301, 3, 4, 7, 17,
+                                  18, 15, 16, 5, 7, 6, 8}));
+    EXPECT_EQ(fe.blockFlags, 0xBEEF);
+    EXPECT_EQ(fe.blockFlags2, 0xCAFE);
+    EXPECT_EQ(fe.blockOption, 0xF00D);
+    EXPECT_EQ(fe.aux0, 0x5555);
+    EXPECT_EQ(fe.message, nullptr);
+    EXPECT_EQ(f->thirdScale, 1.0f); // only block starts set the scales
+    EXPECT_EQ(f->fourthScale, 1.0f);
+
+    // The plain pairs write their second word over a position again.
+    EData c = next(*f);
+    EXPECT_EQ(c.fe.contents, 0x0408);
+    EXPECT_EQ(floats(c.fe), (Floats{7, 0, 5, 7, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    c = next(*f);
+    EXPECT_EQ(c.fe.contents, 0x0430);
+    EXPECT_EQ(floats(c.fe), (Floats{15, 0, 0, 0, 0, 11, 0, 9, 11, 0, 13, 0, 13, 15, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    c = next(*f);
+    EXPECT_EQ(c.fe.startGazeX, -32768.0f); // plain words have no missing marker
+}
+
+TEST(DecodeEvent, TimesEyesAndUnknowns)
+{
+    OrbWriter w;
+    w.add(EventItem(EBLINK, 0).end(2000));
+    w.add(EventItem(POINT28, 1));
+    w.add(EventItem(12, 0).code(200).start(3));
+    w.raw({0xC7, 0x12, 0x00}); // both eye bits
+    w.raw({0x07, 0x10, 0x00}); // neither
+    auto f = openAtItems(w);
+    LogCapture log;
+
+    EData e = next(*f);
+    EXPECT_EQ(e.fe.startTime, 2000u);
+    EXPECT_EQ(e.fe.endTime, 2000u);
+    EXPECT_EQ(e.fe.contents, 0x0040);
+    EXPECT_EQ(f->latestSampleTime, 2000u); // no sample block running
+
+    e = EData(f.get(), nullptr);
+    e.fe.startTime = 77;
+    e.fe.endTime = 88;
+    ASSERT_EQ(f->read_combfile_event(&e, 0), 0);
+    EXPECT_EQ(e.fe.startTime, 77u);
+    EXPECT_EQ(e.fe.endTime, 0u);
+    EXPECT_EQ(e.fe.eye, 1);
+
+    e = next(*f); // code 200 carries nothing: the next byte is a code again
+    EXPECT_EQ(e.fe.type, 12);
+    EXPECT_EQ(e.fe.startTime, 3u);
+    EXPECT_TRUE(log.lines().empty());
+    e.process_event(f.get());
+    EXPECT_EQ(log.lines(), Lines{">>>>> FILE STRUCTURE ERROR: UNKNOWN EVENT (12)\n"});
+    log.clear();
+    for (unsigned type : {1u, 10u, 15u, 18u, 24u, 25u, 28u, 30u, 0u}) {
+        e.fe.type = uint16_t(type);
+        e.process_event(f.get());
+    }
+    EXPECT_EQ(log.lines(), (Lines{">>>>> FILE STRUCTURE ERROR: UNKNOWN EVENT (30)\n",
+                                  ">>>>> FILE STRUCTURE ERROR: UNKNOWN EVENT (0)\n"}));
+
+    e = next(*f);
+    EXPECT_EQ(e.fe.eye, 0);
+    EXPECT_EQ(e.fe.itemTag, 0x12);
+    EXPECT_EQ(e.fe.type, SFIX);
+    f->eventEye = 1;
+    e = next(*f);
+    EXPECT_EQ(e.fe.eye, 0);
+    EXPECT_EQ(f->eventEye, 0);
+
+    EData copy(f.get(), &e.fe);
+    EXPECT_EQ(copy.file, f.get());
+    EXPECT_EQ(std::memcmp(&copy.fe, &e.fe, sizeof(FEVENT)), 0);
+}
+
+TEST(DecodeEvent, Messages)
+{
+    std::string text;
+    for (int i = 0; i < 498; ++i) text += char('a' + i % 26);
+    OrbWriter w;
+    w.add(EventItem(MESSAGE, 0).start(10).message(text));
+    w.add(EventItem(MESSAGE, 0).start(11).message("TRIALID 1\n"));
+    w.add(EventItem(MESSAGE, 0).start(12).messageRaw(499, std::string(499, 'z')));
+    w.add(EventItem(MESSAGE, 0).start(13).messageRaw(-1, ""));
+    auto f = openAtItems(w);
+
+    EData e = next(*f);
+    ASSERT_EQ(e.fe.message, &f->message);
+    EXPECT_EQ(e.fe.message->length, 498);
+    EXPECT_EQ(std::string(e.fe.message->text, 498), text);
+    EXPECT_EQ(e.fe.contents, 0x0001);
+
+    e = next(*f); // the buffer is shared and overwritten, without terminator
+    EXPECT_EQ(e.fe.message->length, 10);
+    EXPECT_EQ(std::string(e.fe.message->text, 12), "TRIALID 1\nkl");
+
+    // Too long or negative: refused, the stream left after the length word.
+    const long at = f->stream->position();
+    next(*f, -1);
+    EXPECT_EQ(f->stream->position(), at + 2 + 5 + 1 + 2);
+    f->stream->seek(at + 10 + 499 + 1);
+    next(*f, -1);
+    EXPECT_EQ(f->message.length, 10);
+}
+
+TEST(DecodeEvent, BlockStartRateAndMode)
+{
+    OrbWriter w;
+    w.add(blockStartOf(SSAMPLES, 0x01F40000));
+    auto f = openAtItems(w);
+    f->thirdScale = f->fourthScale = 7.0f;
+    f->gazeDivisor = 4.0f; // not applied to the mode word
+    EData e = next(*f);
+    EXPECT_EQ(f->gazeDivisor, 10.0f);
+    EXPECT_EQ(f->secondScale, 10.0f);
+    EXPECT_EQ(f->recordingState, 2);
+    EXPECT_EQ(f->sampleRate, 500.0f);
+    EXPECT_EQ((std::vector<int>{f->modeValue, f->levelValue, f->lowModeValue}), (std::vector<int>{3, 1, 2}));
+    EXPECT_EQ(f->thirdScale, 1.0f);
+    EXPECT_EQ(f->fourthScale, 1.0f);
+    EXPECT_EQ(e.fe.type, SSAMPLES);
+    EXPECT_EQ(e.fe.contents, 0x02C7);
+    EXPECT_EQ(e.fe.startTime, 1000u);
+    EXPECT_EQ(e.fe.endTime, 1000u);
+    EXPECT_EQ(e.fe.avgPupil, 500.0f);
+    EXPECT_EQ(e.fe.peakPupil, 1.0f);
+    EXPECT_EQ(e.fe.blockOption, 1);
+    EXPECT_EQ(e.fe.endResX, 786.0f);
+
+    // Revision 0 (no version line) records at 250 Hz in one fixed mode.
+    w.preamble = {"SOURCE: OCULANT\n"};
+    f = openAtItems(w);
+    e = next(*f);
+    EXPECT_EQ(f->trackerRevision, 0);
+    EXPECT_EQ(f->sampleRate, 250.0f);
+    EXPECT_EQ(e.fe.avgPupil, 250.0f);
+    EXPECT_EQ((std::vector<int>{f->modeValue, f->levelValue, f->lowModeValue}), (std::vector<int>{9, 1, 1}));
+    EXPECT_EQ(e.fe.endTime, 1000u);
+    EXPECT_EQ(f->gazeDivisor, 10.0f);
+
+    // Without a rate, 500 Hz stands and anything else falls back to 250 Hz,
+    // with a warning when it was above 500.
+    OrbWriter r;
+    for (uint32_t rate16 : {1000u << 16, 0u, 500u << 16, 0u, 300u << 16, 0u})
+        r.add(blockStartOf(rate16 == 500u << 16 ? SEVENTS : SSAMPLES, rate16));
+    f = openAtItems(r);
+    LogCapture log;
+    next(*f);
+    EXPECT_EQ(f->sampleRate, 1000.0f);
+    e = next(*f);
+    EXPECT_EQ(f->sampleRate, 250.0f);
+    EXPECT_EQ(e.fe.avgPupil, 250.0f);
+    EXPECT_EQ(log.lines(), Lines{"Possible miss handle! sample per second is 1000.000000 resetting to 250 \n"});
+    log.clear();
+    next(*f);
+    e = next(*f);
+    EXPECT_EQ(f->sampleRate, 500.0f);
+    EXPECT_EQ(e.fe.avgPupil, 500.0f);
+    next(*f);
+    next(*f);
+    EXPECT_EQ(f->sampleRate, 250.0f);
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(DecodeEvent, BlockWordsGovernTheFile)
+{
+    OrbWriter w;
+    w.add(EventItem(SSAMPLES, -1).start(100).word(48, 10).word(81, 5).word(180, 0x8011)
+              .word(86, 3).word(147, 4).end(1000u << 16).words(75, 0x0312, 0));
+    SampleItem s;
+    s.flags = kLeft | kGaze | kFullTime;
+    s.time = 150;
+    s.gaze[0][0] = 50;
+    w.add(s);
+    w.add(EventItem(MESSAGE, 0).start(5000).word(115, 30));
+    w.add(EventItem(ESAMPLES, -1).end(160));
+    w.add(blockStart(SEVENTS, 600, 500.0, 0x4000, 1, 10, 0x0312, 0xC000));
+    w.add(EventItem(EEVENTS, -1).end(700));
+    auto f = openAtItems(w);
+
+    EData e(f.get(), nullptr);
+    e.fe.peakPupil = 42.0f;
+    ASSERT_EQ(f->read_combfile_event(&e, 0), 0);
+    EXPECT_EQ(f->currentSampleFlags, 0x8011);
+    EXPECT_EQ(e.fe.blockOption, 3);
+    EXPECT_EQ(f->thirdScale, 3.0f);
+    EXPECT_EQ(f->fourthScale, 4.0f);
+    EXPECT_EQ(e.fe.peakPupil, 42.0f);
+    EXPECT_EQ(e.fe.contents & 0x0104, 0);
+    EXPECT_EQ(f->recordingState, 1); // no average value: 0 is stored as 1
+
+    Sample sample;
+    ASSERT_EQ(f->read_combfile_sample(&sample, 0, 0), 0);
+    EXPECT_EQ(sample.fs.gazeX[0], 5.0f); // the block's divisor
+    e = next(*f);
+    EXPECT_EQ(e.fe.avgPupil, 6.0f);       // the block's second scale
+    EXPECT_EQ(f->latestSampleTime, 150u); // a block is running
+    next(*f);
+    EXPECT_EQ(f->currentSampleFlags, 0);
+
+    next(*f);
+    EXPECT_EQ(f->eventBlockWord, 0xC000);
+    EXPECT_EQ(f->eventBlockWord2, 0x4000);
+    EXPECT_EQ(f->currentSampleFlags, 0);
+    EXPECT_EQ(f->gazeDivisor, 1.0f);
+    next(*f);
+    EXPECT_EQ(f->eventBlockWord, 0);
+    EXPECT_EQ(f->eventBlockWord2, 0x4000);
+    EXPECT_EQ(f->latestSampleTime, 700u);
+}
+
+TEST(DecodeEvent, Refusals)
+{
+    OrbWriter w;
+    w.add(EventItem(SFIX).start(1));
+    auto f = openAtItems(w);
+    LogCapture log;
+    EData e;
+    f->itemReadingEnabled = 0;
+    EXPECT_EQ(f->read_combfile_event(&e, 0), -1);
+    f->itemReadingEnabled = 1;
+    f->preambleComplete = 0;
+    EXPECT_EQ(f->read_combfile_event(&e, 0), -1);
+    f->preambleComplete = 1;
+    f->isOpen = 0;
+    EXPECT_EQ(f->read_combfile_event(&e, 0), -1);
+    f->isOpen = 1;
+    EXPECT_EQ(log.lines(), (Lines{"input is bad \n", " bad status  2\n", " bad status  -1\n"}));
+    EXPECT_EQ(f->read_combfile_event(&e, 0), 0);
+    EXPECT_EQ(f->read_combfile_event(&e, 0), -1); // the closing zero tag
+    EXPECT_EQ(f->read_combfile_event(&e, 1), -1); // runs into the end
+    log.clear();
+    EXPECT_EQ(f->read_combfile_event(&e, 0), -1);
+    EXPECT_EQ(log.lines(), Lines{" bad status  1\n"});
+}
+
+// A cut anywhere inside an event ends in the reader's log line and the
+// end-of-file exception, which the catching form turns into -1.
+TEST(DecodeEvent, ShortReadAnywhere)
+{
+    const EventItem item = EventItem(MESSAGE, 0).start(1000).words(40, 1, 2).message("hey").code(200);
+    // The readers field by field: w word, i 32-bit, b byte, m message byte.
+    const std::string fields = "wbibwwbwmmmbb";
+    const Bytes bytes = item.bytes();
+    size_t start = 0;
+    for (char kind : fields) {
+        const int size = kind == 'w' ? 2 : kind == 'i' ? 4 : 1;
+        for (int have = 0; have < size; ++have) {
+            OrbWriter w;
+            w.terminate = false;
+            w.raw(Bytes(bytes.begin(), bytes.begin() + long(start) + have));
+            auto f = openAtItems(w);
+            LogCapture log;
+            EData e;
+            EXPECT_EQ(f->read_combfile_event(&e, 1), -1);
+            const std::string line = kind == 'w'   ? "error reading orb file 7a r = " + std::to_string(have) + " \n"
+                                     : kind == 'i' ? "error reading orb file 9\n"
+                                     : kind == 'm' ? "error reading orb file 12\n"
+                                                   : "error reading orb file 11\n";
+            EXPECT_EQ(log.lines(), (Lines{line, "Error End of file Exception \n"}))
+                << "cut at " << start + size_t(have);
+        }
+        start += size_t(size);
+    }
+    ASSERT_EQ(start, bytes.size());
+
+    OrbWriter w;
+    w.terminate = false;
+    w.raw(item.unterminated());
+    auto f = openAtItems(w);
+    LogCapture log;
+    EData e;
+    try {
+        f->read_combfile_event(&e, 0);
+        FAIL() << "no exception";
+    } catch (const ORBException& ex) {
+        EXPECT_STREQ(ex.what(), "End of file Exception");
+    }
+}

@@ -1,0 +1,298 @@
+// Item framing and sample decoding, on items laid out byte by byte.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ORBException.h"
+#include "ORBFile.h"
+#include "OrbWriter.h"
+
+using namespace orbtest;
+
+namespace {
+
+// A file with w's preamble, its stream standing on w's first item.  It is
+// opened over an empty item stream, so that opening decodes nothing and the
+// decoder state is the fresh one.
+std::unique_ptr<ORBFile> openAtItems(const OrbWriter& w)
+{
+    OrbWriter head;
+    head.magic = w.magic;
+    head.preamble = w.preamble;
+    auto f = std::make_unique<ORBFile>(head.write().c_str(), 0, true, true);
+    f->stream = std::make_unique<FileInputStream>(w.write().c_str());
+    f->stream->seek(long(w.headerSize()));
+    return f;
+}
+
+using Floats = std::vector<float>;
+constexpr float m = -32768.0f;
+
+// The position, pupil, gaze and resolution members in record order.
+Floats positions(const FSAMPLE& s)
+{
+    return {s.rawX[0],    s.rawX[1],    s.rawY[0],      s.rawY[1],
+            s.secondX[0], s.secondX[1], s.secondY[0],   s.secondY[1],
+            s.pupilSize[0], s.pupilSize[1], s.gazeX[0], s.gazeX[1],
+            s.gazeY[0],   s.gazeY[1],   s.resolutionX,  s.resolutionY};
+}
+
+constexpr uint16_t kAllGroups = kLeft | kRight | kRaw | kSecond | kGaze | kRes | kPupil | kStatus |
+                                kInput | kButtons | kExtra | kSkip1 | kSkip2 | kSampleBit;
+
+// A binocular sample with every group and a distinct value everywhere.
+SampleItem fullSample()
+{
+    SampleItem s;
+    s.flags = kAllGroups;
+    s.step = 5;
+    s.raw[0][0] = 1; s.raw[0][1] = 2; s.raw[1][0] = 3; s.raw[1][1] = 4;
+    s.second[0][0] = 5; s.second[0][1] = 6; s.second[1][0] = 7; s.second[1][1] = -8;
+    s.gaze[0][0] = 90; s.gaze[0][1] = 100; s.gaze[1][0] = -110; s.gaze[1][1] = 120;
+    s.res[0] = 130; s.res[1] = 140;
+    s.pupil[0] = 1500; s.pupil[1] = 1600;
+    s.status = 0x1111; s.input = 0x2222; s.buttons = 0x3333;
+    s.extraType = 0x32;
+    s.extra = {0xAAAA, 0xBBBB};
+    s.skip1 = {3, 9, 0xE1, 0xE2, 0xE3, 0};
+    s.skip2 = {0};
+    return s;
+}
+
+} // namespace
+
+TEST(Framing, TagsAndRefusals)
+{
+    OrbWriter w;
+    w.add(SampleItem{}).add(EventItem(MESSAGE, 1, 0x12).start(7));
+    auto f = openAtItems(w);
+    LogCapture log;
+    unsigned short type = 0;
+    Sample s;
+    EData e;
+    EXPECT_EQ(f->next_combfile_item(&type), 1);
+    EXPECT_EQ(type, 0xA001);
+    EXPECT_EQ(f->pendingTag, 0xA001);
+    ASSERT_EQ(f->read_combfile_sample(&s, 0, 0), 0); // takes the pending tag
+    EXPECT_EQ(f->next_combfile_item(&type), 0);
+    EXPECT_EQ(type, 0x58); // the whole high byte, eye bits included
+    ASSERT_EQ(f->read_combfile_event(&e, 0), 0);
+    EXPECT_EQ(f->next_combfile_item(&type), -1); // the closing zero tag
+    EXPECT_EQ(f->pendingTag, 0);
+    EXPECT_THROW(f->next_combfile_item(&type), ORBException);
+    type = 77;
+    EXPECT_EQ(f->next_combfile_item(&type), 1); // end of file: nothing read
+    EXPECT_EQ(type, 77);
+
+    f->stream->seek(long(w.headerSize()));
+    f->preambleComplete = 0;
+    EXPECT_EQ(f->next_combfile_item(&type), 2);
+    EXPECT_EQ(f->read_combfile_sample(&s, 0, 0), -1);
+    f->preambleComplete = 1;
+    f->itemReadingEnabled = 0;
+    EXPECT_EQ(f->next_combfile_item(&type), -1);
+    EXPECT_EQ(f->read_combfile_sample(&s, 0, 0), -1);
+    f->itemReadingEnabled = 1;
+    EXPECT_EQ(f->read_combfile_sample(nullptr, 0, 0), -1);
+    EXPECT_EQ(f->stream->position(), long(w.headerSize())); // nothing was read
+}
+
+TEST(Framing, EachDecoderLeavesTheOtherKindPending)
+{
+    OrbWriter w;
+    w.add(EventItem(SFIX).start(10)).add(SampleItem{});
+    auto f = openAtItems(w);
+    Sample s;
+    EData e;
+    EXPECT_EQ(f->read_combfile_sample(&s, 0, 1), -2);
+    EXPECT_EQ(f->pendingTag, 0x8700);
+    EXPECT_EQ(f->read_combfile_event(&e, 1), 0);
+    EXPECT_EQ(e.fe.startTime, 10u);
+    EXPECT_EQ(f->read_combfile_event(&e, 1), -2);
+    EXPECT_EQ(f->pendingTag, 0xA001);
+    EXPECT_EQ(f->read_combfile_sample(&s, 0, 1), 0);
+}
+
+TEST(DecodeSample, AbsentGroupsStepsAndScaledGaze)
+{
+    OrbWriter w;
+    w.raw({0xA0, 0x01, 0x00, 0x00, 0x03, 0xE8});       // full time 1000, no groups
+    w.raw({0x84, 0x01, 0x04, 0x00, 0x64, 0xFF, 0x9C}); // step 4, left gaze 100, -100
+    w.raw({0x84, 0x01, 0x01, 0x80, 0x00, 0x00, 0x01}); // step 1, left gaze -32768, 1
+    auto f = openAtItems(w);
+    f->gazeDivisor = 10.0f;
+
+    Sample s;
+    FSAMPLE& fs = s.fs;
+    fs.pupilSize[0] = fs.pupilSize[1] = 77.0f;
+    fs.extraData[0] = 0x1234;
+    fs.gazeVelX[1] = 5.0f;
+    ASSERT_EQ(f->read_combfile_sample(&s, 0, 0), 0);
+    EXPECT_EQ(fs.time, 1000u);
+    EXPECT_EQ(fs.flags, 0xA001);
+    // An absent pupil group leaves the sizes as they were.
+    EXPECT_EQ(positions(fs), (Floats{m, m, m, m, m, m, m, m, 77, 77, m, m, m, m, 1e8f, 1e8f}));
+    EXPECT_EQ(fs.status, 32768);
+    EXPECT_EQ(fs.input, 32768);
+    EXPECT_EQ(fs.buttons, 0);
+    EXPECT_EQ(uint16_t(fs.extraType), 32768);
+    EXPECT_EQ(fs.extraData[0], 0x1234);
+    EXPECT_EQ(fs.gazeVelX[1], 5.0f); // velocities are not the decoder's
+
+    ASSERT_EQ(f->read_combfile_sample(&s, 0, 0), 0);
+    EXPECT_EQ(fs.time, 1004u);
+    EXPECT_EQ(positions(fs), (Floats{m, m, m, m, m, m, m, m, 77, 77, 10, m, -10, m, 1e8f, 1e8f}));
+
+    ASSERT_EQ(f->read_combfile_sample(&s, 0, 0), 0);
+    EXPECT_EQ(fs.time, 1005u);
+    EXPECT_EQ(fs.gazeX[0], 1e8f); // a missing word, not an absent group
+    EXPECT_EQ(fs.gazeY[0], 0.1f);
+}
+
+TEST(DecodeSample, EveryGroupInDiskOrder)
+{
+    SampleItem right;
+    right.flags = kRight | kRaw | kPupil | kGaze | kFullTime;
+    right.time = 0x12345678;
+    right.raw[1][0] = -3; right.raw[1][1] = 4;
+    right.gaze[1][0] = 7; right.gaze[1][1] = 8;
+    right.pupil[1] = 900;
+    SampleItem early;
+    early.time = 50;
+    OrbWriter w;
+    w.add(fullSample()).add(right).add(early);
+    auto f = openAtItems(w);
+    f->gazeDivisor = 2.0f;
+    f->lastSampleTime = 100;
+
+    Sample s;
+    const FSAMPLE& fs = s.fs;
+    ASSERT_EQ(f->read_combfile_sample(&s, 0, 0), 0);
+    EXPECT_EQ(fs.time, 105u);
+    EXPECT_EQ(fs.flags, kAllGroups);
+    EXPECT_EQ(positions(fs), (Floats{1, 3, 2, 4, 5, 7, 6, -8, 1500, 1600, 45, -55, 50, 60, 65, 70}));
+    EXPECT_EQ(fs.status, 0x1111);
+    EXPECT_EQ(fs.input, 0x2222);
+    EXPECT_EQ(fs.buttons, 0x3333);
+    EXPECT_EQ(fs.extraType, 0x32);
+    EXPECT_EQ(fs.extraData[0], 0xAAAA);
+    EXPECT_EQ(fs.extraData[1], 0xBBBB);
+
+    // The skipped lists were consumed exactly: the next item decodes.
+    ASSERT_EQ(f->read_combfile_sample(&s, 0, 0), 0);
+    EXPECT_EQ(fs.time, 0x12345678u);
+    EXPECT_EQ(positions(fs), (Floats{m, -3, m, 4, m, m, m, m, m, 900, m, 3.5f, m, 4, 1e8f, 1e8f}));
+    EXPECT_EQ(fs.extraData[1], 0xBBBB); // not rewritten by a sample without extra data
+
+    // Times and flags the file keeps.
+    EXPECT_EQ(f->earliestSampleTime, 105u);
+    EXPECT_EQ(f->latestSampleTime, 0x12345678u);
+    EXPECT_EQ(f->currentSampleFlags, kAllGroups | right.flags | kSampleBit);
+    ASSERT_EQ(f->read_combfile_sample(&s, 0, 0), 0);
+    EXPECT_EQ(f->earliestSampleTime, 50u);
+    EXPECT_EQ(f->latestSampleTime, 0x12345678u);
+    EXPECT_EQ(f->sampleFlagWord, 0xA001);
+}
+
+TEST(DecodeSample, ExtraDataIsCappedAtEightWords)
+{
+    SampleItem s;
+    s.flags = kExtra | kFullTime;
+    s.extraType = 0x2C; // 12 words meant
+    for (uint16_t i = 1; i <= 12; ++i) s.extra.push_back(i);
+    OrbWriter w;
+    w.add(s);
+    auto f = openAtItems(w);
+    Sample out;
+    ASSERT_EQ(f->read_combfile_sample(&out, 0, 0), 0);
+    EXPECT_EQ(out.fs.extraType, 0x2C);
+    EXPECT_EQ(std::vector<uint16_t>(out.fs.extraData, out.fs.extraData + 8),
+              (std::vector<uint16_t>{1, 2, 3, 4, 5, 6, 7, 8}));
+    // Words 9 to 12 are left where the next tag is expected.
+    EXPECT_EQ(f->stream->position(), long(w.headerSize() + 2 + 4 + 1 + 16));
+    unsigned short type = 0;
+    EXPECT_EQ(f->next_combfile_item(&type), 1);
+    EXPECT_EQ(type, 9);
+}
+
+TEST(DecodeSample, ExpectedTimeOverridesTheStep)
+{
+    SampleItem s;
+    s.flags = kFullTime;
+    s.time = 1990;
+    OrbWriter w;
+    w.add(s);
+    s.flags = 0;
+    s.step = 8;
+    w.add(s).add(s).add(s);
+    auto f = openAtItems(w);
+    Sample out;
+    ASSERT_EQ(f->read_combfile_sample(&out, 5000, 0), 0); // a full time stands
+    EXPECT_EQ(out.fs.time, 1990u);
+    ASSERT_EQ(f->read_combfile_sample(&out, 2000, 0), 0); // 1998, but 2000 expected
+    EXPECT_EQ(out.fs.time, 2000u);
+    EXPECT_EQ(f->lastSampleTime, 2000u);
+    ASSERT_EQ(f->read_combfile_sample(&out, 2008, 0), 0);
+    EXPECT_EQ(out.fs.time, 2008u);
+    ASSERT_EQ(f->read_combfile_sample(&out, 0, 0), 0);
+    EXPECT_EQ(out.fs.time, 2016u);
+}
+
+TEST(DecodeSample, PrescaledWords)
+{
+    OrbWriter w;
+    w.raw({0x00, 0x64, 0x80, 0x00, 0x00, 0x64, 0x00, 0x64, 0xFF, 0x9C});
+    auto f = openAtItems(w);
+    EXPECT_EQ(f->get_prescaled_word(4.0f), 25.0f);
+    EXPECT_EQ(f->get_prescaled_word(4.0f), 1e8f);
+    EXPECT_EQ(f->get_prescaled_word(0.05f), 100.0f); // too small a divisor is not applied
+    EXPECT_EQ(f->get_prescaled_word(NAN), 100.0f);
+    EXPECT_EQ(f->get_prescaled_word(-2.0f), -100.0f);
+}
+
+// A cut anywhere inside a sample ends in the reader's log line and the
+// end-of-file exception, which the catching form turns into -1.
+TEST(DecodeSample, ShortReadAnywhere)
+{
+    // The readers of fullSample(), field by field: w a word, b a byte (the
+    // skipped blocks' content counts as bytes).
+    const std::string fields = "wb" + std::string(16, 'w') + "www" + "bww" + "bbbbbb" + "b";
+    Bytes item;
+    fullSample().writeTo(item);
+    size_t start = 0;
+    for (char kind : fields) {
+        const int size = kind == 'w' ? 2 : 1;
+        for (int have = 0; have < size; ++have) {
+            OrbWriter w;
+            w.terminate = false;
+            w.raw(Bytes(item.begin(), item.begin() + long(start) + have));
+            auto f = openAtItems(w);
+            LogCapture log;
+            Sample s;
+            EXPECT_EQ(f->read_combfile_sample(&s, 0, 1), -1);
+            const std::string line = kind == 'w' ? "error reading orb file 7a r = " + std::to_string(have) + " \n"
+                                                 : "error reading orb file 11\n";
+            EXPECT_EQ(log.lines(), (std::vector<std::string>{line, "Error End of file Exception \n"}))
+                << "cut at " << start + size_t(have);
+        }
+        start += size_t(size);
+    }
+    ASSERT_EQ(start, item.size());
+
+    OrbWriter w;
+    w.terminate = false;
+    w.raw(Bytes(item.begin(), item.begin() + 5));
+    auto f = openAtItems(w);
+    LogCapture log;
+    Sample s;
+    try {
+        f->read_combfile_sample(&s, 0, 0);
+        FAIL() << "no exception";
+    } catch (const ORBException& e) {
+        EXPECT_STREQ(e.what(), "End of file Exception");
+    }
+    EXPECT_EQ(f->pendingTag, 0); // the tag was consumed
+}
