@@ -42,6 +42,9 @@ public:
     double calcVelocity_hspd(bool fast, const float* p, int n, float resolution,
                              float rate) const;
 
+    // The slot that holds s, or -1 when s is not an entry in use.
+    int slotOf(const Sample* s) const;
+
     int size() const { return count_; }
     unsigned long long keyAt(int slot) const { return slots_[slot].key; }
 

@@ -222,7 +222,7 @@ public:
                            std::to_string(getpid()) + "-" + std::to_string(counter++) + ".orb";
         FILE* f = std::fopen(path.c_str(), "wb");
         if (!f) throw std::runtime_error("cannot write " + path);
-        std::fwrite(bytes.data(), 1, bytes.size(), f);
+        if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), f);
         std::fclose(f);
         return path;
     }

@@ -1,0 +1,293 @@
+// The cursor over the item index: stepping, reading the current item into
+// the handed-out record (with the repairs that need neighbouring events),
+// and positioning by index and by time.
+#include <cmath>
+#include <cstring>
+
+#include "ORBException.h"
+#include "ORBFile.h"
+#include "log.h"
+
+namespace {
+
+constexpr uint32_t kUnset = 0xFFFFFFFFu;
+constexpr uint16_t kHalfMillisecond = 0x0002;
+
+// Whole samples per second of a block, rounded; 0 for a rate no int holds.
+int roundedRate(float rate)
+{
+    if (!(rate > -2147483648.0f && rate < 2147483648.0f))
+        return 0;
+    return int(std::lround(rate));
+}
+
+// A sample inside a blink of one eye: no position, no pupil.
+void maskEye(FSAMPLE& fs, int eye)
+{
+    fs.rawX[eye] = fs.rawY[eye] = kMissingValue;
+    fs.secondX[eye] = fs.secondY[eye] = kMissingValue;
+    fs.gazeX[eye] = fs.gazeY[eye] = kMissingValue;
+    fs.pupilSize[eye] = 0.0f;
+}
+
+} // namespace
+
+int ORBFile::stepNext()
+{
+    if (current < 0 || size_t(current) >= items.size())
+        return NO_MORE_ITEMS;
+    const ORBItem& item = items[size_t(current)];
+    const int code = int(item.code());
+    if (code == RECORDING)
+        currentRecording = item.rec && item.rec->state ? item.rec : nullptr;
+    ++current;
+    itemRequested = true;
+    // Repair mode reads these as they are passed, so that the event-pair
+    // table knows them when their partners are read.
+    if (fixupMode && (code == SBLINK || code == EBLINK || code == SSACC || code == SFIX))
+        getFloatData();
+    return code;
+}
+
+int ORBFile::readItem(int index)
+{
+    if (index < 0 || size_t(index) >= items.size()) {
+        std::memset(static_cast<void*>(&currentData), 0, sizeof currentData);
+        return -1;
+    }
+    const ORBItem& item = items[size_t(index)];
+    const unsigned code = item.code();
+
+    if (code == RECORDING) {
+        std::memset(static_cast<void*>(&currentData), 0, sizeof currentData);
+        if (item.rec)
+            currentData.rec = *item.rec;
+        return 0;
+    }
+
+    if (isEventCode(code)) {
+        resetPosition(&item);
+        EData event;
+        event.file = this;
+        int r = read_combfile_event(&event, 0);
+        if (r < 0) {
+            orb_log("error reading orb file 4   %d %ld\n", r, long(item.position));
+            throw ORBException("Error reading event - type(readItem)");
+        }
+        event.process_event(this);
+        std::memset(static_cast<void*>(&currentData), 0, sizeof currentData);
+        currentData.fe = event.fe;
+        return 0;
+    }
+
+    if (code == SAMPLE) {
+        const unsigned long long key = item.key();
+        auto carriesKey = [&](const Sample* s) {
+            const int slot = queue->slotOf(s);
+            return slot >= 0 && queue->keyAt(slot) == key;
+        };
+        Sample* s = queue->getSample(index);
+        if (!carriesKey(s))
+            s = queue->getSample(index);
+        if (!s) {
+            // No sample carries this entry's key (the stream and the index
+            // disagree here): nothing to hand out.
+            std::memset(static_cast<void*>(&currentData), 0, sizeof currentData);
+            return -1;
+        }
+        if (!currentRecording)
+            orb_log("WARNING: ORB FILE MAY BE CORRUPTED. Samples %ld found without start recording \n",
+                    long(s->fs.time));
+        else
+            queue->setVelocity(s, roundedRate(currentRecording->sampleRate));
+        // The caller gets a copy: what is changed below for blinks stays
+        // out of the queue, whose positions the neighbours' velocities use.
+        currentData.fs = s->fs;
+        return 0;
+    }
+
+    std::memset(static_cast<void*>(&currentData), 0, sizeof currentData);
+    return -1;
+}
+
+ALLF_DATA* ORBFile::getFloatData()
+{
+    // Before the first step there is nothing to read: the buffer as it is.
+    if (!itemRequested)
+        return &currentData;
+    const int index = current - 1;
+    if (index < 0 || size_t(index) >= items.size())
+        return nullptr;
+    try {
+        if (readItem(index) != 0) {
+            orb_log("Read error \n");
+            return nullptr;
+        }
+    } catch (const ORBException& e) {
+        orb_log("Error %s \n", e.what());
+        return nullptr;
+    }
+
+    const ORBItem& item = items[size_t(index)];
+    const unsigned code = item.code();
+    const unsigned long long key = item.key();
+
+    if (code == SAMPLE) {
+        FSAMPLE& fs = currentData.fs;
+        if (item.type & kFlagEye0)
+            maskEye(fs, 0);
+        if (item.type & kFlagEye1)
+            maskEye(fs, 1);
+        if (key != 2ull * fs.time)
+            fs.flags = uint16_t(fs.flags | kHalfMillisecond);
+        return &currentData;
+    }
+
+    if (!fixupMode || code < SBLINK || code > EFIX)
+        return &currentData;
+
+    FEVENT& fe = currentData.fe;
+    const int eye = fe.eye;
+    if (eye != 0 && eye != 1)
+        return &currentData;
+    uint32_t* pairs = eventPairs[eye];
+    switch (code) {
+    case SBLINK:
+        // A blink start re-timed to an orphaned blink end starts there.
+        if (item.type & kFlagEye0)
+            fe.startTime = uint32_t(key / 2);
+        pairs[kPairBlinkStart] = fe.startTime;
+        break;
+    case EBLINK:
+        if (item.type & kFlagEye0) {
+            fe.startTime = uint32_t(key / 2);
+        } else if (item.type & kFlagEye1) {
+            // A blink merged into a saccade starts with its first blink
+            // start: the nearest earlier paired event of this eye.
+            const uint16_t marker = item.type & kEyeMarkerMask;
+            for (int i = index - 1; i >= 0; --i) {
+                const ORBItem& before = items[size_t(i)];
+                if (!isPairedCode(before.code()) || (before.type & kEyeMarkerMask) != marker)
+                    continue;
+                if (before.code() == SBLINK)
+                    fe.startTime = uint32_t(before.timeKey / 2);
+                break;
+            }
+        }
+        pairs[kPairBlinkEnd] = fe.startTime;
+        break;
+    case SSACC:
+        pairs[kPairSaccStart] = fe.startTime;
+        break;
+    case ESACC:
+        pairs[kPairSaccEnd] = fe.startTime;
+        // A saccade with a blink in it starts where its start event says.
+        if (pairs[kPairBlinkStart] != kUnset && pairs[kPairBlinkEnd] != kUnset &&
+            pairs[kPairSaccStart] != pairs[kPairSaccEnd])
+            fe.startTime = pairs[kPairSaccStart];
+        initEventPairArray(eye);
+        break;
+    case SFIX:
+        pairs[kPairFixStart] = fe.startTime;
+        break;
+    case EFIX:
+        pairs[kPairFixEnd] = fe.startTime;
+        // Taken over even while no fixation start has been seen.
+        if (pairs[kPairFixStart] != pairs[kPairFixEnd])
+            fe.startTime = pairs[kPairFixStart];
+        initFixationPairArray(eye);
+        break;
+    default:
+        break;
+    }
+    return &currentData;
+}
+
+void ORBFile::resetPosition(const ORBItem* item)
+{
+    stream->seek(long(item->position));
+    pendingTag = item->headerWord;
+}
+
+int ORBFile::gotoIndex(int index)
+{
+    const int count = int(items.size());
+    if (index >= 0 && index < count)
+        current = index;
+    return count;
+}
+
+int ORBFile::findIndex(unsigned int key, int low, int high) const
+{
+    const long long count = static_cast<long long>(items.size());
+    // Entries outside the index match nothing and bound the search from
+    // above.
+    auto inside = [&](long long i) { return i >= 0 && i < count; };
+    auto matches = [&](long long i) { return inside(i) && items[size_t(i)].key() == key; };
+    auto isSample = [&](long long i) { return inside(i) && items[size_t(i)].isSample(); };
+
+    long long lo = low;
+    long long hi = high;
+    if (hi < lo)
+        return -1;
+    while (hi - lo >= 2) {
+        const long long mid = lo + (hi - lo) / 2;
+        if (matches(mid) && isSample(mid))
+            return int(mid);
+        const unsigned long long midKey = inside(mid) ? items[size_t(mid)].key() : ~0ull;
+        if ((midKey >> 32) == 0 && key >= uint32_t(midKey))
+            lo = mid;
+        else
+            hi = mid;
+        if (hi < lo)
+            return -1;
+    }
+    if (matches(lo)) {
+        if (matches(hi)) {
+            if (isSample(lo))
+                return int(lo);
+            return isSample(hi) ? int(hi) : -1;
+        }
+        return isSample(lo) ? int(lo) : -1;
+    }
+    if (matches(hi) && isSample(hi))
+        return int(hi);
+    return -1;
+}
+
+ALLF_DATA* ORBFile::getSampleCloseToTime(unsigned int key)
+{
+    const int index = findIndex(key, 0, int(items.size()));
+    if (index < 1)
+        return nullptr;
+    // Read the sample as if stepped onto, even before the first step, and
+    // leave the cursor as it was.
+    const int32_t savedCurrent = current;
+    const bool savedRequested = itemRequested;
+    current = index + 1;
+    itemRequested = true;
+    ALLF_DATA* data = getFloatData();
+    current = savedCurrent;
+    itemRequested = savedRequested;
+    return data;
+}
+
+void ORBFile::initEventPairArray(int eye)
+{
+    if (eye != 0 && eye != 1)
+        return;
+    eventPairs[eye][kPairSaccStart] = kUnset;
+    eventPairs[eye][kPairSaccEnd] = kUnset;
+    eventPairs[eye][kPairBlinkStart] = kUnset;
+    eventPairs[eye][kPairBlinkEnd] = kUnset;
+}
+
+void ORBFile::initFixationPairArray(int eye)
+{
+    if (eye != 0 && eye != 1)
+        return;
+    // Only the saccade entries: the fixation entries are kept once set, so
+    // a fixation end without its start takes the start seen last.
+    eventPairs[eye][kPairSaccStart] = kUnset;
+    eventPairs[eye][kPairSaccEnd] = kUnset;
+}

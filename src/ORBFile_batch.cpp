@@ -1,0 +1,143 @@
+// Reading a run of samples from the stream into the sample queue.
+//
+// The index is the authority on time: the batch walks the index's sample
+// entries and the stream's items together, and files each decoded sample
+// under the key of the index entry it stands for.  Entries for samples the
+// stream lacks (placeholders, position -1) become missing samples.
+#include <cstring>
+
+#include "ORBException.h"
+#include "ORBFile.h"
+#include "log.h"
+
+namespace {
+
+constexpr int32_t kPlaceholder = -1;
+constexpr int kQueueFullAbove = SampleQueue::kSlots - 1;
+
+// A sample that the stream does not hold, at key / 2 ms: every value
+// missing, both eyes marked.  Its pupil sizes are the carried ones once it
+// is added to the queue.
+void makeMissingSample(Sample& s, unsigned long long key)
+{
+    std::memset(static_cast<void*>(&s.fs), 0, sizeof s.fs);
+    FSAMPLE& fs = s.fs;
+    fs.time = uint32_t(key >> 1);
+    for (float* pair : {fs.rawX, fs.rawY, fs.secondX, fs.secondY, fs.pupilSize, fs.gazeX, fs.gazeY,
+                        fs.gazeVelX, fs.gazeVelY, fs.secondVelX, fs.secondVelY, fs.rawVelX,
+                        fs.rawVelY, fs.fastGazeVelX, fs.fastGazeVelY, fs.fastSecondVelX,
+                        fs.fastSecondVelY, fs.fastRawVelX, fs.fastRawVelY})
+        pair[0] = pair[1] = kMissingValue;
+    fs.resolutionX = fs.resolutionY = kMissingValue;
+    fs.flags = 0xC000;
+    fs.input = fs.buttons = fs.status = 0;
+    fs.extraType = 32767;
+    fs.extraData[0] = 32767;
+}
+
+bool endsBlock(unsigned code) { return code == ESAMPLES || code == EEVENTS; }
+
+} // namespace
+
+int ORBFile::batchReadSample(int itemIndex)
+{
+    const int n = int(items.size());
+    if (itemIndex < 0 || itemIndex >= n || items[size_t(itemIndex)].code() != SAMPLE)
+        return 0;
+    SampleQueue& q = *queue;
+    if (q.isOutOfBoundsToAdd(items[size_t(itemIndex)].timeKey))
+        q.clear();
+    else
+        q.shiftQueue();
+
+    Sample sample;
+    int at = itemIndex;
+
+    // Leading placeholders: they need nothing from the stream.
+    while (items[size_t(at)].position == kPlaceholder) {
+        if (q.size() > kQueueFullAbove)
+            return 0;
+        makeMissingSample(sample, items[size_t(at)].key());
+        q.addSample(&sample, items[size_t(at)].key());
+        int next = at + 1;
+        if (next >= n)
+            return 0;
+        if (items[size_t(next)].position != kPlaceholder && items[size_t(next)].code() != SAMPLE) {
+            // Look for the next sample, unless the block ends first.
+            while (next < n && items[size_t(next)].code() != SAMPLE) {
+                if (endsBlock(items[size_t(next)].code()))
+                    return 0;
+                ++next;
+            }
+            if (next >= n)
+                return 0;
+        }
+        at = next;
+    }
+
+    resetPosition(&items[size_t(at)]);
+    EData event;
+    event.file = this;
+    bool firstRead = true;
+
+    // The stream walk: the kind of the item at hand comes from the previous
+    // framing call, starting with the sample the walk was positioned at.
+    int kind = 1;
+    for (;;) {
+        if (kind == 0) {
+            if (firstRead) {
+                // The stream is not where the next sample lies (a placeholder
+                // went before); that read repositions, so the event is left
+                // alone.
+                if (endsBlock(items[size_t(at)].code()))
+                    return 0;
+            } else {
+                event.fe = FEVENT{};
+                int r = read_combfile_event(&event, 0);
+                if (r < 0) {
+                    orb_log("error reading orb file 4   %d %ld\n", r, long(items[size_t(at)].position));
+                    return 0;
+                }
+                if (endsBlock(event.fe.type))
+                    return 0;
+            }
+        } else if (kind == 1) {
+            if (q.size() > kQueueFullAbove)
+                return 0;
+            const ORBItem& entry = items[size_t(at)];
+            const unsigned long long key = entry.key();
+            if (entry.position != kPlaceholder) {
+                std::memset(static_cast<void*>(&sample.fs), 0, sizeof sample.fs);
+                unsigned int expected = 0;
+                if (firstRead) {
+                    resetPosition(&entry);
+                    expected = unsigned(key >> 1);
+                }
+                if (read_combfile_sample(&sample, expected, 0) < 0) {
+                    orb_log("error reading orb file 5\n");
+                    throw ORBException("Error reading Sample - type");
+                }
+                firstRead = false;
+            } else {
+                makeMissingSample(sample, key);
+                firstRead = true;
+            }
+            // Repair mode trusts the index over the stream for the time.
+            if (fixupMode && sample.fs.time != uint32_t(key >> 1))
+                makeMissingSample(sample, key);
+            q.addSample(&sample, key);
+
+            int next = at + 1;
+            while (next < n && items[size_t(next)].code() != SAMPLE)
+                ++next;
+            if (next >= n)
+                return 0;
+            at = next;
+        }
+        kind = next_combfile_item(nullptr);
+        // -1: the item stream ends.  2 (not in item mode) cannot change by
+        // reading on, so it ends the batch as well.
+        if (kind == -1 || kind == 2)
+            return 0;
+    }
+}
