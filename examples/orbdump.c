@@ -36,8 +36,9 @@ static void print_event(int code, const FEVENT *e)
         [POINT25] = "POINT25",   [POINT28] = "POINT28",
     };
     const char *name = code < (int)(sizeof names / sizeof names[0]) && names[code] ? names[code] : "?";
-    printf("%10u   %-8s eye %d start %u end %u", (unsigned)e->time, name, e->eye,
-           (unsigned)e->startTime, (unsigned)e->endTime);
+    /* Events are placed in time by their start. */
+    printf("%10u   %-8s eye %d end %u", (unsigned)e->startTime, name, e->eye,
+           (unsigned)e->endTime);
     if (code == MESSAGE && e->message && e->message->length > 0) {
         /* The stored bytes; the last one is the terminator's place. */
         int n = e->message->length - 1;
