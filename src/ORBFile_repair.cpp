@@ -1,4 +1,219 @@
-// Consistency repair of the item index and time adjustment of records.
-#include "ORBFile.h"
+// Consistency repair of the item index, and the time adjustment of the
+// records handed out.
+//
+// The repairs change the index only: entries are dropped, moved, re-timed
+// or flagged in the high byte of their type word; the file is never
+// touched.
+#include <algorithm>
 
-int ORBFile::checkConsistency() { return 0; }
+#include "ORBFile.h"
+#include "log.h"
+
+namespace {
+
+// Record times from this many milliseconds on carry a large clock offset
+// that the time adjustment removes.
+constexpr uint32_t kTimeOffsetThreshold = 200000000u;
+
+// Eye index of a paired event: its eye marker minus one.
+inline int eyeIndex(const ORBItem& item) { return (item.type & kEyeMarkerMask) == 0x200 ? 1 : 0; }
+
+} // namespace
+
+// One walk in index order.  Entries are dropped by compacting the index as
+// the walk goes (kept entries are written back at `kept`), so that a file
+// with many stray samples costs one pass; the indexes the walk remembers
+// are places in the kept part.
+int ORBFile::checkConsistency()
+{
+    bool outsideBlock = true;
+    long lastStart = -1;
+    long lastEnd = -1;
+    bool blinkStartSeen[2] = {false, false};
+    bool blinkEndSeen[2] = {false, false};
+    long orphanEnd = -1; // the last blink end that had no blink start open
+    bool moved = false;
+
+    const size_t count = items.size();
+    size_t kept = 0;
+    for (size_t i = 0; i < count; ++i) {
+        ORBItem item = items[i];
+        const int cls = item.getItemType();
+
+        if (cls == 30) {
+            const bool end = item.rec->state == 0;
+            outsideBlock = end;
+            (end ? lastEnd : lastStart) = long(kept);
+            blinkStartSeen[0] = blinkStartSeen[1] = false;
+            blinkEndSeen[0] = blinkEndSeen[1] = false;
+        } else if (cls == 1 && outsideBlock) {
+            if (lastStart >= 0 && lastEnd > 0 && lastEnd > lastStart &&
+                items[size_t(lastStart)].key() == items[size_t(lastEnd)].key()) {
+                // A block ended at the instant the next one started and its
+                // end was sorted behind that start: put it back in front.
+                const ORBItem blockEnd = items[size_t(lastEnd)];
+                std::move_backward(items.begin() + lastStart, items.begin() + lastEnd,
+                                   items.begin() + lastEnd + 1);
+                items[size_t(lastStart)] = blockEnd;
+                if (orphanEnd >= lastStart && orphanEnd < lastEnd)
+                    ++orphanEnd;
+                lastEnd = lastStart;
+                ++lastStart;
+                outsideBlock = false;
+                moved = true;
+            } else {
+                orb_log("WARNING: ORB FILE MAY BE CORRUPTED. Sample at %d found without start "
+                        "recording. Skipping this sample \n",
+                        int(item.timeKey / 2));
+                continue;
+            }
+        } else if (cls == 0 && (item.code() == SBLINK || item.code() == EBLINK)) {
+            const int e = eyeIndex(item);
+            if (item.code() == SBLINK) {
+                if (blinkStartSeen[e])
+                    orb_log("SBLINK REASSIGN %u \n", unsigned(uint32_t(item.timeKey)));
+                blinkStartSeen[e] = true;
+                if (fixupMode && orphanEnd >= 0 && blinkEndSeen[e]) {
+                    // The blink began where the orphaned end was recorded.
+                    blinkStartSeen[e] = blinkEndSeen[e] = false;
+                    item.timeKey = items[size_t(orphanEnd)].key();
+                    item.type = uint16_t(item.type | kFlagEye0);
+                }
+            } else {
+                if (blinkEndSeen[e])
+                    orb_log("EBLINK REASSIGN %u \n", unsigned(uint32_t(item.timeKey)));
+                blinkEndSeen[e] = true;
+            }
+            if (blinkEndSeen[e]) {
+                if (!blinkStartSeen[e])
+                    orphanEnd = long(kept);
+                else
+                    blinkStartSeen[e] = blinkEndSeen[e] = false;
+            }
+        }
+        items[kept++] = item;
+    }
+    items.resize(kept);
+
+    if (fixupMode) {
+        // A moved block end would not survive a new sort.
+        if (!moved)
+            sortItems();
+        mergeBlinksInsideSaccade();
+        markSamplesInsideBlink();
+    }
+    return 0;
+}
+
+// Inside one saccade a second blink of the same eye is joined to the first:
+// the second blink's start and the first one's end are dropped, and the
+// end that closes the joined blink is flagged.  The walk compacts the index
+// as checkConsistency does.
+void ORBFile::mergeBlinksInsideSaccade()
+{
+    int blinkStarts[2] = {0, 0};
+    long lastBlinkEnd[2] = {-1, -1};
+    bool merged[2] = {false, false};
+
+    const size_t count = items.size();
+    size_t kept = 0;
+    for (size_t i = 0; i < count; ++i) {
+        ORBItem item = items[i];
+        const int cls = item.getItemType();
+        if (cls == 30) {
+            // Only the left eye's count starts again with a block.
+            blinkStarts[0] = 0;
+        } else if (cls == 0) {
+            const unsigned c = item.code();
+            const int e = eyeIndex(item);
+            if (c == SBLINK) {
+                ++blinkStarts[e];
+                if (blinkStarts[e] >= 2 && lastBlinkEnd[e] >= 1) {
+                    const long end = lastBlinkEnd[e];
+                    std::move(items.begin() + end + 1, items.begin() + long(kept), items.begin() + end);
+                    --kept;
+                    if (lastBlinkEnd[1 - e] > end)
+                        --lastBlinkEnd[1 - e];
+                    lastBlinkEnd[e] = -1;
+                    merged[e] = true;
+                    --blinkStarts[e];
+                    continue; // the blink start is dropped as well
+                }
+            } else if (c == EBLINK) {
+                if (merged[e])
+                    item.type = uint16_t(item.type | kFlagEye1);
+                lastBlinkEnd[e] = long(kept);
+            } else if (c == SSACC || c == ESACC) {
+                blinkStarts[e] = 0;
+                lastBlinkEnd[e] = -1;
+                merged[e] = false;
+            }
+        }
+        items[kept++] = item;
+    }
+    items.resize(kept);
+}
+
+void ORBFile::markSamplesInsideBlink()
+{
+    bool inBlink[2] = {false, false};
+    for (ORBItem& item : items) {
+        const int cls = item.getItemType();
+        if (cls == 30) {
+            inBlink[0] = inBlink[1] = false;
+        } else if (cls == 1) {
+            if (inBlink[0])
+                item.type = uint16_t(item.type | kFlagEye0);
+            if (inBlink[1])
+                item.type = uint16_t(item.type | kFlagEye1);
+        } else if (cls == 0) {
+            if (item.code() == SBLINK)
+                inBlink[eyeIndex(item)] = true;
+            else if (item.code() == EBLINK)
+                inBlink[eyeIndex(item)] = false;
+        }
+    }
+}
+
+void ORBFile::adjustTimes(ALLF_DATA* data)
+{
+    if (timeFixupOff)
+        return;
+    if (current <= 0 || size_t(current) > items.size()) {
+        orb_log("Unknown type %d\n", 0);
+        return;
+    }
+    const unsigned c = items[size_t(current) - 1].code();
+
+    // The offset is settled by the first record handed out: times of a
+    // tracker clock that has run for days are shifted back by it, small
+    // times are left alone for the whole file.
+    auto settleOffset = [this](uint32_t first) {
+        if (timeOffset != 0)
+            return true;
+        timeOffset = first;
+        if (timeOffset < kTimeOffsetThreshold) {
+            timeFixupOff = true;
+            return false;
+        }
+        orb_log("Enabling time offset fixup\n");
+        return true;
+    };
+
+    if (c == RECORDING || c == SAMPLE) {
+        uint32_t& time = c == RECORDING ? data->rec.time : data->fs.time;
+        if (!settleOffset(time))
+            return;
+        time -= timeOffset;
+    } else if (isEventCode(c)) {
+        FEVENT& fe = data->fe;
+        const uint32_t first = fe.time == 0 ? fe.startTime : std::min(fe.time, fe.startTime);
+        if (!settleOffset(first))
+            return;
+        fe.time -= timeOffset;
+        fe.startTime -= timeOffset;
+        fe.endTime -= timeOffset;
+    } else {
+        orb_log("Unknown type %d\n", int(c));
+    }
+}
