@@ -24,35 +24,15 @@ using Bytes = std::vector<unsigned char>;
 
 // Big-endian byte helpers.
 inline void put8(Bytes& b, unsigned v) { b.push_back(static_cast<unsigned char>(v)); }
-inline void put16(Bytes& b, unsigned v)
-{
-    b.push_back(static_cast<unsigned char>(v >> 8));
-    b.push_back(static_cast<unsigned char>(v));
-}
-inline void put32(Bytes& b, uint32_t v)
-{
-    put16(b, v >> 16);
-    put16(b, v & 0xFFFF);
-}
+inline void put16(Bytes& b, unsigned v) { put8(b, (v >> 8) & 0xFF); put8(b, v & 0xFF); }
+inline void put32(Bytes& b, uint32_t v) { put16(b, v >> 16); put16(b, v & 0xFFFF); }
 
 // Sample flag bits.
 enum : uint16_t {
-    kSampleBit = 0x0001,
-    kHalfMs = 0x0002,
-    kSkip2 = 0x0004,
-    kSkip1 = 0x0008,
-    kExtra = 0x0010,
-    kButtons = 0x0020,
-    kInput = 0x0040,
-    kStatus = 0x0080,
-    kPupil = 0x0100,
-    kRes = 0x0200,
-    kGaze = 0x0400,
-    kSecond = 0x0800,
-    kRaw = 0x1000,
-    kFullTime = 0x2000,
-    kRight = 0x4000,
-    kLeft = 0x8000,
+    kSampleBit = 0x0001, kHalfMs = 0x0002, kSkip2 = 0x0004,    kSkip1 = 0x0008,
+    kExtra = 0x0010,     kButtons = 0x0020, kInput = 0x0040,   kStatus = 0x0080,
+    kPupil = 0x0100,     kRes = 0x0200,     kGaze = 0x0400,    kSecond = 0x0800,
+    kRaw = 0x1000,       kFullTime = 0x2000, kRight = 0x4000,  kLeft = 0x8000,
 };
 
 // One sample item, laid out from its flag word: only the groups whose bits

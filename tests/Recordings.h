@@ -51,6 +51,36 @@ inline void addBlock(OrbWriter& w, uint32_t t0, int n, double rate = 500.0)
     addBlock(w, t0, n, rate, [](int, uint32_t) {});
 }
 
+// A binocular gaze sample written with its full time.
+inline SampleItem sampleAt(uint32_t t, uint16_t more = 0)
+{
+    SampleItem s;
+    s.flags = uint16_t(kSampleBit | kFullTime | kLeft | kRight | kGaze | more);
+    s.time = t;
+    return s;
+}
+inline void addSamples(OrbWriter& w, const std::vector<uint32_t>& times)
+{
+    for (uint32_t t : times) w.add(sampleAt(t));
+}
+// One sample a millisecond from `from` to `to`.
+inline void addSampleRun(OrbWriter& w, uint32_t from, uint32_t to)
+{
+    for (uint32_t t = from; t <= to; ++t) w.add(sampleAt(t));
+}
+
+// Both starts (or both ends) of a binocular block with gaze divisor 1.
+inline void startBlock(OrbWriter& w, uint32_t t, double rate = 1000.0)
+{
+    w.add(blockStart(15, t, rate, kSampleBit | kLeft | kRight | kGaze, 1));
+    w.add(blockStart(17, t, rate, 0, 1, 10, 0x0312, 0xC000));
+}
+inline void endBlock(OrbWriter& w, uint32_t t)
+{
+    w.add(blockEnd(16, t));
+    w.add(blockEnd(18, t));
+}
+
 } // namespace orbtest
 
 #endif

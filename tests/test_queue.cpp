@@ -1,15 +1,12 @@
-// The sample queue: lookup by key, the pupil carry, shifting, and the batch
-// reading that fills it from a recording.
+// The sample queue: lookup by key, the pupil carry, and the batch reading
+// that fills it from a recording.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <initializer_list>
-#include <memory>
-#include <string>
-#include <vector>
 
-#include "ORBFile.h"
-#include "OrbWriter.h"
+#include "Internals.h"
 #include "SampleQueue.h"
 
 using namespace orbtest;
@@ -26,7 +23,7 @@ Sample leftSample(uint32_t time)
     return s;
 }
 
-std::unique_ptr<SampleQueue> queueWithKeys(std::initializer_list<unsigned long long> keys)
+std::unique_ptr<SampleQueue> queueWithKeys(const std::vector<unsigned long long>& keys)
 {
     auto q = std::make_unique<SampleQueue>(nullptr);
     for (unsigned long long k : keys) {
@@ -36,15 +33,12 @@ std::unique_ptr<SampleQueue> queueWithKeys(std::initializer_list<unsigned long l
     return q;
 }
 
-// Keys first, first + step, ... (count of them).
-std::unique_ptr<SampleQueue> queueWithStep(unsigned long long first, unsigned step, int count)
+// Keys first, first + 2, ... (count of them): 1000 samples per second.
+std::vector<unsigned long long> keys1000Hz(unsigned long long first, int count)
 {
-    auto q = std::make_unique<SampleQueue>(nullptr);
-    for (int i = 0; i < count; ++i) {
-        Sample s = leftSample(uint32_t((first + i * step) / 2));
-        q->addSample(&s, first + i * step);
-    }
-    return q;
+    std::vector<unsigned long long> keys;
+    for (int i = 0; i < count; ++i) keys.push_back(first + 2 * unsigned(i));
+    return keys;
 }
 
 int slotOf(SampleQueue& q, unsigned long long key)
@@ -54,51 +48,35 @@ int slotOf(SampleQueue& q, unsigned long long key)
     return pos;
 }
 
-// ---- recordings ---------------------------------------------------------
-
-// Gaze of sample i of a block, eye e: x = 100 + 10 i + e, y = 50 - i.
-int16_t gazeX(int i, int e) { return int16_t(100 + 10 * i + e); }
-int16_t gazeY(int i) { return int16_t(50 - i); }
+// Gaze x of sample i of a block.
+int16_t gazeX(int i) { return int16_t(100 + 10 * i); }
 
 // One recording block of n left-eye samples at `rate`, the first with its
 // full time and the others with time steps, as a tracker writes them.
-// between(w, i) may add items after sample i.
-void addBlock(OrbWriter& w, uint32_t t0, int n, double rate,
-              const std::function<void(OrbWriter&, int)>& between = {},
-              const std::function<bool(int)>& skip = {})
+// between(i) may add items after sample i; skipped samples are left out.
+void addSteppedBlock(OrbWriter& w, uint32_t t0, int n, double rate, const std::function<void(int)>& between = {},
+                     std::initializer_list<int> skipped = {})
 {
     const uint16_t flags = kSampleBit | kLeft | kGaze | kRes | kPupil;
     w.add(blockStart(15, t0, rate, flags));
     w.add(blockStart(17, t0, rate, 0x8000, 1, 10, 0x0312, 0x4000));
-    uint32_t previous = t0;
-    bool first = true;
-    uint32_t last = t0;
+    uint32_t previous = t0, t = t0;
     for (int i = 0; i < n; ++i) {
-        uint32_t t = rate >= 2000 ? t0 + uint32_t(i / 2) : t0 + uint32_t(i * (1000.0 / rate));
-        last = t;
-        if (skip && skip(i))
-            continue;
+        t = t0 + uint32_t(i * (1000.0 / rate));
+        if (std::find(skipped.begin(), skipped.end(), i) != skipped.end()) continue;
         SampleItem s;
-        s.flags = flags | (first ? kFullTime : 0);
+        s.flags = flags | (i == 0 ? kFullTime : 0);
         s.time = t;
         s.step = uint8_t(t - previous);
-        s.gaze[0][0] = gazeX(i, 0);
-        s.gaze[0][1] = gazeY(i);
+        s.gaze[0][0] = gazeX(i);
+        s.gaze[0][1] = int16_t(50 - i);
         s.res[0] = s.res[1] = 40;
         s.pupil[0] = int16_t(700 + i);
         w.add(s);
         previous = t;
-        first = false;
-        if (between)
-            between(w, i);
+        if (between) between(i);
     }
-    w.add(blockEnd(16, last + 1));
-    w.add(blockEnd(18, last + 1));
-}
-
-std::unique_ptr<ORBFile> open(const OrbWriter& w, int options = 0)
-{
-    return std::make_unique<ORBFile>(w.write().c_str(), options, true, true);
+    endBlock(w, t + 1);
 }
 
 // Index positions of the sample entries, in index order.
@@ -106,67 +84,45 @@ std::vector<int> sampleEntries(const ORBFile& f)
 {
     std::vector<int> out;
     for (size_t i = 0; i < f.items.size(); ++i)
-        if (f.items[i].code() == SAMPLE)
-            out.push_back(int(i));
+        if (f.items[i].code() == SAMPLE) out.push_back(int(i));
     return out;
 }
 
 } // namespace
 
-// ---- lookup ---------------------------------------------------------------
+// ---- lookup and adding ------------------------------------------------------
 
-TEST(QueueLookup, FindsEveryKeyOfAConstantStep)
+TEST(QueueLookup, ArithmeticSearchesThenTheScan)
 {
-    auto q = queueWithStep(1000, 2, 100); // 1000 samples per second
+    const std::vector<unsigned long long> steady = keys1000Hz(1000, 100), gap = {10, 12, 14, 20, 22};
+    const struct {
+        std::vector<unsigned long long> keys;
+        unsigned long long key;
+        int slot;
+    } cases[] = {
+        {steady, 1010, 5}, {steady, 1011, -1}, {steady, 998, -1}, {steady, 1200, -1}, {steady, 0, -1},
+        // 20 would be slot 5 without the gap; the search from the end finds it.
+        {gap, 20, 3}, {gap, 14, 2}, {gap, 16, -1},
+        // Gaps on both sides of 20: no arithmetic finds it (the scan does).
+        {{10, 12, 20, 22, 30, 32}, 20, -1},
+        // Two entries: only the ends are found.
+        {{10, 14}, 14, 1}, {{10, 14}, 12, -1},
+        // A first step above 8 is replaced by the last step; a last step
+        // that is no sample interval either gives up.
+        {{10, 40, 42, 44, 46}, 42, 2}, {{10, 40, 43, 46}, 40, -1},
+    };
+    for (const auto& c : cases) EXPECT_EQ(slotOf(*queueWithKeys(c.keys), c.key), c.slot) << c.key;
+
+    auto q = queueWithKeys(steady);
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(slotOf(*q, 1000 + 2 * i), i);
+    EXPECT_EQ(q->getOldSample(1010)->fs.time, 505u);
     int pos = -2;
-    Sample* s = q->getOldSample(1010, &pos);
-    ASSERT_NE(s, nullptr);
-    EXPECT_EQ(pos, 5);
-    EXPECT_EQ(s->fs.time, 505u);
-    for (int i = 0; i < 100; ++i)
-        EXPECT_EQ(slotOf(*q, 1000 + 2 * i), i);
-    // Between keys, before the first and after the last: nothing.
-    for (unsigned long long k : {1011ull, 998ull, 1200ull, 0ull}) {
-        EXPECT_EQ(q->getOldSample(k, &pos), nullptr) << k;
-        EXPECT_EQ(pos, -1);
-    }
-}
-
-TEST(QueueLookup, GapsFallBackFromTheEndThenToTheScan)
-{
-    // 20 would be slot 5 without the gap; the search from the end finds it.
-    auto q = queueWithKeys({10, 12, 14, 20, 22});
-    EXPECT_EQ(slotOf(*q, 20), 3);
-    EXPECT_EQ(slotOf(*q, 14), 2);
-    EXPECT_EQ(slotOf(*q, 16), -1);
-
-    // Gaps on both sides of 20: no arithmetic finds it, the scan does.
     auto g = queueWithKeys({10, 12, 20, 22, 30, 32});
-    EXPECT_EQ(slotOf(*g, 20), -1);
-    int pos = -2;
-    Sample* s = g->getOldSampleSlow(20, &pos);
-    ASSERT_NE(s, nullptr);
+    EXPECT_NE(g->getOldSampleSlow(20, &pos), nullptr);
     EXPECT_EQ(pos, 2);
     EXPECT_EQ(g->getOldSampleSlow(21, &pos), nullptr);
     EXPECT_EQ(pos, -1);
-
-    // Two entries: only the ends are found.
-    auto two = queueWithKeys({10, 14});
-    EXPECT_EQ(slotOf(*two, 14), 1);
-    EXPECT_EQ(slotOf(*two, 12), -1);
-
-    // A first step above 8 is replaced by the last step; a last step that
-    // is no sample interval either gives up.
-    auto wide = queueWithKeys({10, 40, 42, 44, 46});
-    EXPECT_EQ(slotOf(*wide, 42), 2);
-    auto odd = queueWithKeys({10, 40, 43, 46});
-    EXPECT_EQ(slotOf(*odd, 40), -1);
-    int at = -2;
-    EXPECT_NE(odd->getOldSampleSlow(40, &at), nullptr);
-    EXPECT_EQ(at, 1);
 }
-
-// ---- adding -------------------------------------------------------------
 
 TEST(QueueAdd, KeysMustIncrease)
 {
@@ -176,79 +132,54 @@ TEST(QueueAdd, KeysMustIncrease)
     EXPECT_EQ(q->addSample(&dup, 4), 0);
     EXPECT_EQ(q->size(), 2);
     EXPECT_EQ(q->getOldSample(12)->fs.time, 6u);
-    EXPECT_EQ(q->addSample(&dup, 13), 0);
-    EXPECT_EQ(q->size(), 3);
-    EXPECT_EQ(q->keyAt(2), 13u);
 }
 
 TEST(QueueAdd, PupilSizesAreCarriedForward)
 {
-    auto q = std::make_unique<SampleQueue>(nullptr);
+    SampleQueue q(nullptr);
     Sample bare = leftSample(1);
     bare.fs.pupilSize[0] = bare.fs.pupilSize[1] = 5.0f;
-    q->addSample(&bare, 2);
-    EXPECT_EQ(bare.fs.pupilSize[0], 1000.0f); // the caller's sample too
-    EXPECT_EQ(q->getOldSample(2)->fs.pupilSize[1], 1000.0f);
+    q.addSample(&bare, 2);
+    EXPECT_EQ(bare.fs.pupilSize[0], 1000.0f) << "the caller's sample too";
+    EXPECT_EQ(q.getOldSample(2)->fs.pupilSize[1], 1000.0f);
 
     Sample withPupil = leftSample(2);
     withPupil.fs.flags |= kPupil;
     withPupil.fs.pupilSize[0] = 3.5f;
     withPupil.fs.pupilSize[1] = 4.0f;
-    q->addSample(&withPupil, 4);
-    Sample next = leftSample(3);
-    q->addSample(&next, 6);
-    EXPECT_EQ(q->getOldSample(6)->fs.pupilSize[0], 3.5f);
-    EXPECT_EQ(q->getOldSample(6)->fs.pupilSize[1], 4.0f);
-
+    q.addSample(&withPupil, 4);
     // An ignored sample neither sets nor takes the carry.
     Sample late = leftSample(0);
     late.fs.flags |= kPupil;
     late.fs.pupilSize[0] = late.fs.pupilSize[1] = 9.0f;
-    q->addSample(&late, 6);
-    EXPECT_EQ(late.fs.pupilSize[0], 9.0f);
-    Sample after = leftSample(4);
-    q->addSample(&after, 8);
-    EXPECT_EQ(after.fs.pupilSize[0], 3.5f);
+    q.addSample(&late, 4);
+    Sample next = leftSample(3);
+    q.addSample(&next, 6);
+    EXPECT_EQ(q.getOldSample(6)->fs.pupilSize[0], 3.5f);
+    EXPECT_EQ(q.getOldSample(6)->fs.pupilSize[1], 4.0f);
 
     // The carry survives a shift and not a clear.
-    q->shiftQueue();
+    q.shiftQueue();
     Sample s = leftSample(5);
-    q->addSample(&s, 10);
+    q.addSample(&s, 10);
     EXPECT_EQ(s.fs.pupilSize[1], 4.0f);
-    q->clear();
-    q->addSample(&s, 10);
+    q.clear();
+    q.addSample(&s, 10);
     EXPECT_EQ(s.fs.pupilSize[1], 1000.0f);
 }
 
 TEST(QueueAdd, BatchMayExtendByOneStep)
 {
-    auto q = queueWithStep(900, 2, 51); // ..., 998, 1000
+    auto q = queueWithKeys(keys1000Hz(900, 51)); // ..., 998, 1000
     EXPECT_FALSE(q->isOutOfBoundsToAdd(1002));
     EXPECT_TRUE(q->isOutOfBoundsToAdd(1004));
     EXPECT_FALSE(q->isOutOfBoundsToAdd(950)); // inside
     EXPECT_TRUE(q->isOutOfBoundsToAdd(898));  // before the span
     EXPECT_FALSE(queueWithKeys({})->isOutOfBoundsToAdd(5));
-    EXPECT_TRUE(queueWithKeys({10, 12})->isOutOfBoundsToAdd(14)); // no step known
+    EXPECT_TRUE(queueWithKeys({10, 12})->isOutOfBoundsToAdd(14)) << "no step known";
     // A gap at the front: the step comes from the last two keys.
     EXPECT_FALSE(queueWithKeys({10, 40, 42})->isOutOfBoundsToAdd(44));
     EXPECT_TRUE(queueWithKeys({10, 40, 42})->isOutOfBoundsToAdd(45));
-}
-
-TEST(QueueShift, DropsTheOldest128)
-{
-    auto q = queueWithStep(0, 2, SampleQueue::kSlots);
-    q->shiftQueue();
-    ASSERT_EQ(q->size(), 384);
-    EXPECT_EQ(q->keyAt(0), 256u);
-    EXPECT_EQ(q->keyAt(383), 1022u);
-    EXPECT_EQ(q->keyAt(384), 0u); // freed slots are zeroed
-    EXPECT_EQ(q->getOldSample(256)->fs.time, 128u);
-    EXPECT_EQ(slotOf(*q, 600), 172);
-
-    auto small = queueWithStep(0, 2, 100);
-    small->shiftQueue();
-    EXPECT_EQ(small->size(), 0);
-    EXPECT_EQ(small->keyAt(0), 0u);
 }
 
 // ---- batch reading ------------------------------------------------------
@@ -256,32 +187,26 @@ TEST(QueueShift, DropsTheOldest128)
 TEST(QueueBatch, SampleNearTheEndShiftsTheQueue)
 {
     OrbWriter w;
-    addBlock(w, 5000, 1000, 1000.0);
-    auto f = open(w);
+    addSteppedBlock(w, 5000, 1000, 1000.0);
+    auto f = openOrb(w);
     std::vector<int> entries = sampleEntries(*f);
-    ASSERT_EQ(entries.size(), 1000u);
     SampleQueue& q = *f->queue;
 
     Sample* s = q.getSample(entries[0]);
-    ASSERT_NE(s, nullptr);
-    EXPECT_EQ(q.size(), 512);
     EXPECT_EQ(q.slotOf(s), 0);
-    EXPECT_EQ(q.getSample(entries[447]), q.getOldSample(f->items[size_t(entries[447])].timeKey));
-    EXPECT_EQ(q.keyAt(0), 10000u); // 447 is close enough: no batch
+    EXPECT_EQ(q.size(), 512);
+    EXPECT_EQ(q.slotOf(q.getSample(entries[447])), 447) << "close enough: no batch";
 
     s = q.getSample(entries[448]);
-    ASSERT_NE(s, nullptr);
     EXPECT_EQ(q.slotOf(s), 320);
     EXPECT_EQ(q.keyAt(0), 2u * (5000 + 128));
     EXPECT_EQ(q.size(), 512);
-    EXPECT_EQ(s->fs.time, 5448u);
-    EXPECT_EQ(s->fs.gazeX[0], float(gazeX(448, 0)));
     // The samples read on after the shift are the right ones.
     for (int i = 128; i < 640; ++i) {
         Sample* t = q.getOldSample(2u * (5000 + i));
         ASSERT_NE(t, nullptr) << i;
         EXPECT_EQ(t->fs.time, uint32_t(5000 + i));
-        EXPECT_EQ(t->fs.gazeX[0], float(gazeX(i, 0))) << i;
+        EXPECT_EQ(t->fs.gazeX[0], float(gazeX(i))) << i;
         EXPECT_EQ(t->fs.pupilSize[0], float(700 + i)) << i;
     }
 }
@@ -290,16 +215,13 @@ TEST(QueueBatch, StopsAtTheBlockEndAndStartsAfreshInTheNext)
 {
     OrbWriter w;
     // Events and messages between samples are read past.
-    addBlock(w, 1000, 100, 500.0, [](OrbWriter& out, int i) {
-        if (i % 10 == 3)
-            out.add(EventItem(MESSAGE, -1).start(1000 + 2 * i).message("TRIALID x"));
-        if (i % 10 == 5)
-            out.add(EventItem(SFIX, 0).start(1000 + 2 * i));
+    addSteppedBlock(w, 1000, 100, 500.0, [&w](int i) {
+        if (i % 10 == 3) w.add(message(1000 + 2 * i, "TRIALID x"));
+        if (i % 10 == 5) w.add(EventItem(SFIX, 0).start(1000 + 2 * i));
     });
-    addBlock(w, 9000, 50, 500.0);
-    auto f = open(w);
+    addSteppedBlock(w, 9000, 50, 500.0);
+    auto f = openOrb(w);
     std::vector<int> entries = sampleEntries(*f);
-    ASSERT_EQ(entries.size(), 150u);
     SampleQueue& q = *f->queue;
 
     ASSERT_NE(q.getSample(entries[0]), nullptr);
@@ -307,16 +229,15 @@ TEST(QueueBatch, StopsAtTheBlockEndAndStartsAfreshInTheNext)
     for (int i = 0; i < 100; ++i) {
         Sample* s = q.getOldSample(2u * (1000 + 2 * i));
         ASSERT_NE(s, nullptr) << i;
-        EXPECT_EQ(s->fs.gazeY[0], float(gazeY(i))) << i;
+        EXPECT_EQ(s->fs.gazeY[0], float(50 - i)) << i;
     }
     Sample* s = q.getSample(entries[100]);
     ASSERT_NE(s, nullptr);
     EXPECT_EQ(q.size(), 50);
     EXPECT_EQ(q.keyAt(0), 18000u);
-    EXPECT_EQ(s->fs.gazeX[0], float(gazeX(0, 0)));
+    EXPECT_EQ(s->fs.gazeX[0], float(gazeX(0)));
     // Back into the first block: not an extension, so the queue restarts.
-    s = q.getSample(entries[60]);
-    ASSERT_NE(s, nullptr);
+    ASSERT_NE(q.getSample(entries[60]), nullptr);
     EXPECT_EQ(q.keyAt(0), 2u * (1000 + 120));
     EXPECT_EQ(q.size(), 40);
 }
@@ -324,76 +245,52 @@ TEST(QueueBatch, StopsAtTheBlockEndAndStartsAfreshInTheNext)
 TEST(QueueBatch, PlaceholdersBecomeMissingSamples)
 {
     OrbWriter w;
-    // 1000 per second with samples 3 and 4 absent: the repairing pre-scan
-    // puts placeholders for them into the index.
-    addBlock(w, 100, 12, 1000.0, {}, [](int i) { return i == 3 || i == 4; });
-    auto f = open(w, 2);
+    // Samples 3 and 4 absent: the repairing pre-scan puts placeholders for
+    // them into the index.
+    addSteppedBlock(w, 100, 12, 1000.0, {}, {3, 4});
+    auto f = openOrb(w, 2);
     std::vector<int> entries = sampleEntries(*f);
     ASSERT_EQ(entries.size(), 12u);
-    EXPECT_EQ(f->items[size_t(entries[3])].position, -1);
-    EXPECT_EQ(f->items[size_t(entries[4])].position, -1);
-
-    auto check = [&](SampleQueue& q, float carriedPupil) {
-        for (int i = 0; i < 12; ++i) {
-            Sample* s = q.getSample(entries[size_t(i)]);
-            ASSERT_NE(s, nullptr) << i;
-            const FSAMPLE& fs = s->fs;
-            EXPECT_EQ(fs.time, uint32_t(100 + i));
-            if (i == 3 || i == 4) {
-                EXPECT_EQ(fs.flags, 0xC000);
-                EXPECT_EQ(fs.gazeX[0], kMissing);
-                EXPECT_EQ(fs.rawY[1], kMissing);
-                EXPECT_EQ(fs.resolutionX, kMissing);
-                EXPECT_EQ(fs.fastRawVelY[1], kMissing);
-                EXPECT_EQ(fs.pupilSize[0], carriedPupil);
-                EXPECT_EQ(fs.extraType, 32767);
-                EXPECT_EQ(fs.extraData[0], 32767);
-                EXPECT_EQ(fs.extraData[1], 0);
-                EXPECT_EQ(fs.input, 0);
-                EXPECT_EQ(fs.status, 0);
-                EXPECT_EQ(fs.buttons, 0);
-            } else {
-                EXPECT_EQ(fs.gazeX[0], float(gazeX(i, 0))) << i;
-                EXPECT_EQ(fs.pupilSize[0], float(700 + i)) << i;
-            }
-        }
-    };
-    check(*f->queue, 702.0f);
-    // A batch that starts on a placeholder: nothing to carry yet.
-    f->queue->clear();
     SampleQueue& q = *f->queue;
+    for (int i = 0; i < 12; ++i) {
+        Sample* s = q.getSample(entries[size_t(i)]);
+        ASSERT_NE(s, nullptr) << i;
+        const FSAMPLE& fs = s->fs;
+        EXPECT_EQ(fs.time, uint32_t(100 + i));
+        if (i != 3 && i != 4) {
+            EXPECT_EQ(fs.gazeX[0], float(gazeX(i))) << i;
+            continue;
+        }
+        EXPECT_EQ(fs.flags, 0xC000);
+        for (float v : {fs.gazeX[0], fs.rawY[1], fs.resolutionX, fs.fastRawVelY[1]}) EXPECT_EQ(v, kMissing);
+        EXPECT_EQ(fs.pupilSize[0], 702.0f) << "carried";
+        EXPECT_EQ((std::vector<int>{fs.extraType, fs.extraData[0], fs.extraData[1], fs.input, fs.status, fs.buttons}),
+                  (std::vector<int>{32767, 32767, 0, 0, 0, 0}));
+    }
+    // A batch that starts on a placeholder: nothing to carry yet.
+    q.clear();
     ASSERT_NE(q.getSample(entries[3]), nullptr);
     EXPECT_EQ(q.keyAt(0), 206u);
     EXPECT_EQ(q.getOldSample(206)->fs.pupilSize[0], 1000.0f);
-    EXPECT_EQ(q.getOldSample(210)->fs.gazeY[0], float(gazeY(5)));
+    EXPECT_EQ(q.getOldSample(210)->fs.gazeY[0], float(50 - 5));
 }
 
 TEST(QueueBatch, TheIndexIsTheAuthorityOnTime)
 {
     OrbWriter w;
-    addBlock(w, 100, 10, 1000.0);
+    addSteppedBlock(w, 100, 10, 1000.0);
     for (bool repair : {false, true}) {
-        auto f = open(w);
+        auto f = openOrb(w);
         f->fixupMode = repair;
-        std::vector<int> entries = sampleEntries(*f);
-        ASSERT_EQ(entries.size(), 10u);
         // Drop sample 4 from the index: from there on the stream's samples
         // are filed under the keys of the entries that follow.
-        f->items.erase(f->items.begin() + entries[4]);
-        entries = sampleEntries(*f);
+        f->items.erase(f->items.begin() + sampleEntries(*f)[4]);
         SampleQueue& q = *f->queue;
-        ASSERT_NE(q.getSample(entries[0]), nullptr);
+        ASSERT_NE(q.getSample(sampleEntries(*f)[0]), nullptr);
         EXPECT_EQ(q.size(), 9);
-        EXPECT_EQ(q.getOldSample(206)->fs.gazeX[0], float(gazeX(3, 0)));
         Sample* moved = q.getOldSample(210); // the entry of sample 5
         ASSERT_NE(moved, nullptr);
-        if (repair) {
-            EXPECT_EQ(moved->fs.time, 105u);
-            EXPECT_EQ(moved->fs.flags, 0xC000);
-            EXPECT_EQ(moved->fs.gazeX[0], kMissing);
-        } else {
-            EXPECT_EQ(moved->fs.time, 104u);
-            EXPECT_EQ(moved->fs.gazeX[0], float(gazeX(4, 0)));
-        }
+        EXPECT_EQ(moved->fs.time, repair ? 105u : 104u);
+        EXPECT_EQ(moved->fs.gazeX[0], repair ? kMissing : float(gazeX(4)));
     }
 }

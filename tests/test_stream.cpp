@@ -2,29 +2,15 @@
 // reads and seeks, on real files.
 #include <gtest/gtest.h>
 
-#include <string>
-
+#include "Internals.h"
 #include "NVIO.h"
-#include "ORBException.h"
-#include "OrbWriter.h"
 
 using namespace orbtest;
 
 namespace {
 
 std::string fileWith(const Bytes& bytes) { return OrbWriter::writeFile(bytes); }
-
-// Runs f, which must throw the library's end-of-file exception.
-template <class F>
-void expectEndOfFile(F f)
-{
-    try {
-        f();
-        FAIL() << "no exception";
-    } catch (const ORBException& e) {
-        EXPECT_STREQ(e.what(), "End of file Exception");
-    }
-}
+const std::string kEndOfFile = "End of file Exception";
 
 } // namespace
 
@@ -49,14 +35,14 @@ TEST(Stream, ShortReadsLogTheirLineAndThrow)
     std::string path = fileWith({0x01, 0x02, 0x03});
     FileInputStream s(path.c_str());
     s.getWord();
-    expectEndOfFile([&] { s.getWord(); });
+    EXPECT_EQ(thrown([&] { s.getWord(); }), kEndOfFile);
     EXPECT_EQ(log.lines().back(), "error reading orb file 7a r = 1 \n");
     EXPECT_TRUE(s.eof());
-    expectEndOfFile([&] { s.getWord(); });
+    EXPECT_EQ(thrown([&] { s.getWord(); }), kEndOfFile);
     EXPECT_EQ(log.lines().back(), "error reading orb file 7a r = 0 \n");
-    expectEndOfFile([&] { s.getByte(); });
+    EXPECT_EQ(thrown([&] { s.getByte(); }), kEndOfFile);
     EXPECT_EQ(log.lines().back(), "error reading orb file 11\n");
-    expectEndOfFile([&] { s.getInt(); });
+    EXPECT_EQ(thrown([&] { s.getInt(); }), kEndOfFile);
     EXPECT_EQ(log.lines().back(), "error reading orb file 9\n");
     // The partial word counted: 2 + 1.
     EXPECT_EQ(s.position(), 3);
@@ -81,7 +67,7 @@ TEST(Stream, GetStringThrowsOnlyOnAnEmptyLine)
     std::string path = fileWith({'\0', 'x', '\n'});
     FileInputStream s(path.c_str());
     char line[16];
-    expectEndOfFile([&] { s.getString(line, sizeof line); });
+    EXPECT_EQ(thrown([&] { s.getString(line, sizeof line); }), kEndOfFile);
     EXPECT_EQ(log.lines().back(), "error reading orb file 6\n");
 }
 
@@ -100,15 +86,11 @@ TEST(Stream, LongLinesAreSplitAtTheLimit)
     EXPECT_EQ(s.getTerminatedString(line, 35), -1);
     EXPECT_TRUE(s.eof());
     EXPECT_EQ(s.position(), 40);
-}
 
-TEST(Stream, LastLineWithoutNewlineSetsEndOfFile)
-{
-    std::string path = fileWith({'a', 'b'});
-    FileInputStream s(path.c_str());
-    char line[16];
-    EXPECT_EQ(s.getTerminatedString(line, sizeof line), 2);
-    EXPECT_TRUE(s.eof());
+    // A last line without a newline sets end of file.
+    FileInputStream t(fileWith({'a', 'b'}).c_str());
+    EXPECT_EQ(t.getTerminatedString(line, sizeof line), 2);
+    EXPECT_TRUE(t.eof());
 }
 
 TEST(Stream, SeekMovesAndClearsEndOfFile)
@@ -123,7 +105,7 @@ TEST(Stream, SeekMovesAndClearsEndOfFile)
         EXPECT_EQ(s.position(), at);
         EXPECT_EQ(s.getByte(), bytes[size_t(at)]) << at;
     }
-    expectEndOfFile([&] { s.getWord(); });
+    EXPECT_EQ(thrown([&] { s.getWord(); }), kEndOfFile);
     EXPECT_TRUE(s.eof());
     EXPECT_EQ(s.seek(10), 0);
     EXPECT_FALSE(s.eof());
@@ -148,12 +130,6 @@ TEST(Stream, SeekPastTheEndSucceedsAndReadsNothing)
 TEST(Stream, MissingFileLogsAndThrows)
 {
     LogCapture log;
-    try {
-        FileInputStream s("/nonexistent/dir/x.orb");
-        FAIL();
-    } catch (const ORBException& e) {
-        EXPECT_STREQ(e.what(), "File Could not be opened!");
-    }
-    ASSERT_EQ(log.lines().size(), 1u);
-    EXPECT_EQ(log.lines()[0], "The file /nonexistent/dir/x.orb could not be opened\n");
+    EXPECT_EQ(thrown([] { FileInputStream s("/nonexistent/dir/x.orb"); }), "File Could not be opened!");
+    EXPECT_EQ(log.lines(), Lines{"The file /nonexistent/dir/x.orb could not be opened\n"});
 }

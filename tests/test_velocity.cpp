@@ -2,14 +2,12 @@
 // and the filling of a queued sample from its neighbours.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
-#include <memory>
 #include <random>
-#include <vector>
 
-#include "ORBFile.h"
-#include "OrbWriter.h"
+#include "Internals.h"
 #include "SampleQueue.h"
 
 using namespace orbtest;
@@ -20,26 +18,17 @@ constexpr float M = 100000000.0f;
 constexpr int kN = 39;
 constexpr int kC = 19;
 
-std::vector<float> linear(float slope, int n = kN)
+std::vector<float> linear(float slope)
 {
-    std::vector<float> p(static_cast<size_t>(n));
-    for (int i = 0; i < n; ++i)
-        p[size_t(i)] = slope * float(i);
+    std::vector<float> p(kN);
+    for (int i = 0; i < kN; ++i) p[size_t(i)] = slope * float(i);
     return p;
-}
-
-// The resolution that the second position (x, y) implies, as the filter
-// derives it.
-double secondResolutionX(double x, double y)
-{
-    return (225000000.0 + x * x + y * y) / std::sqrt(225000000.0 + y * y) / 57.2958;
 }
 
 // A queue of n binocular samples, keys 1000, 1000 + step, ...; sample i has
 // gaze x = 10 i, gaze y = 5, raw x = 2 i, second x = 10 (i - 19), second
 // y = 0, resolution 40 and pupils of 800.  adjust(fs, i) may change it.
-void fillQueue(SampleQueue& q, int n, unsigned step,
-               const std::function<void(FSAMPLE&, int)>& adjust = {})
+void fillQueue(SampleQueue& q, int n, unsigned step, const std::function<void(FSAMPLE&, int)>& adjust = {})
 {
     for (int i = 0; i < n; ++i) {
         Sample s;
@@ -56,69 +45,53 @@ void fillQueue(SampleQueue& q, int n, unsigned step,
             fs.pupilSize[e] = 800.0f;
         }
         fs.resolutionX = fs.resolutionY = 40.0f;
-        if (adjust)
-            adjust(fs, i);
+        if (adjust) adjust(fs, i);
         q.addSample(&s, 1000 + step * unsigned(i));
     }
 }
 
-Sample* centreOf(SampleQueue& q, unsigned step) { return q.getOldSample(1000 + step * kC); }
+Sample* sampleAtSlot(SampleQueue& q, int i, unsigned step) { return q.getOldSample(1000 + step * unsigned(i)); }
 
 // An open file without items whose tracker model selects the filter.
 std::unique_ptr<ORBFile> fileOfModel(const char* source)
 {
     OrbWriter w;
     w.preamble = {"VERSION: OCULANT MK 3\n", std::string(source) + "\n"};
-    return std::make_unique<ORBFile>(w.write().c_str(), 0, true, true);
+    return openOrb(w);
 }
 
 } // namespace
 
 // ---- the standard filter --------------------------------------------------
 
-TEST(StandardFilter, FivePointAndTwoPointRules)
+TEST(StandardFilter, RulesByTheNeighboursPresent)
 {
+    // p[c-2] to p[c+2] of 39 positions (M missing), at rate 1000 and
+    // resolution 40.
+    const struct { bool fast; float p[5]; double v; } cases[] = {
+        {false, {170, 180, 190, 200, 210}, 250.0}, {true, {170, 180, 190, 200, 210}, 250.0}, // p[i] = 10 i
+        {false, {0, 10, 20, 40, 40}, 70.0 * 1000 / 6 / 40}, // five-point
+        {true, {0, 10, 20, 40, 40}, 375.0},                 // central
+        {false, {M, 10, 20, 40, 40}, 375.0},                // an outer point missing: central
+        {false, {0, 10, 20, 40, M}, 375.0},
+        {false, {0, 10, 20, M, 40}, 250.0}, // backward: (p[c] - p[c-1]) rate / res
+        {false, {0, M, 20, 30, 40}, 250.0}, // forward: (p[c+1] - p[c]) rate / res
+        {false, {M, M, 3, M, M}, M},
+        {true, {M, 1, 3, M, M}, 50.0},
+        {true, {M, 1, M, M, M}, M}, // backward needs the centre
+    };
     SampleQueue q(nullptr);
-    std::vector<float> p = linear(10.0f);
-    EXPECT_DOUBLE_EQ(q.calcVelocity_non_hspd(false, p.data(), kN, 40.0f, 1000.0f), 250.0);
-    EXPECT_DOUBLE_EQ(q.calcVelocity_non_hspd(true, p.data(), kN, 40.0f, 1000.0f), 250.0);
-
-    // Values that tell the rules apart: five-point 70, central 30.
-    std::vector<float> b(kN, 0.0f);
-    b[kC - 2] = 0.0f; b[kC - 1] = 10.0f; b[kC] = 20.0f; b[kC + 1] = 40.0f; b[kC + 2] = 40.0f;
-    EXPECT_NEAR(q.calcVelocity_non_hspd(false, b.data(), kN, 40.0f, 1000.0f), 70.0 * 1000 / 6 / 40, 1e-9);
-    EXPECT_DOUBLE_EQ(q.calcVelocity_non_hspd(true, b.data(), kN, 40.0f, 1000.0f), 375.0);
-    // Any one of the four outer points missing falls back to the central rule.
-    for (int miss : {kC - 2, kC + 2}) {
-        std::vector<float> c = b;
-        c[size_t(miss)] = M;
-        EXPECT_DOUBLE_EQ(q.calcVelocity_non_hspd(false, c.data(), kN, 40.0f, 1000.0f), 375.0) << miss;
+    for (const auto& c : cases) {
+        std::vector<float> p(kN, 0.0f);
+        std::copy(c.p, c.p + 5, p.begin() + kC - 2);
+        EXPECT_NEAR(q.calcVelocity_non_hspd(c.fast, p.data(), kN, 40.0f, 1000.0f), c.v, 1e-9)
+            << c.fast << " " << c.p[0] << " " << c.p[1] << " " << c.p[2] << " " << c.p[3] << " " << c.p[4];
     }
-    // Too short a series for five points.
-    EXPECT_DOUBLE_EQ(q.calcVelocity_non_hspd(false, b.data() + kC - 2, 5, 40.0f, 1000.0f), 375.0);
-}
-
-TEST(StandardFilter, OneSidedDifferences)
-{
-    SampleQueue q(nullptr);
-    std::vector<float> p = linear(10.0f);
-    p[kC + 1] = M; // backward: (p[c] - p[c-1]) * rate / res
-    EXPECT_DOUBLE_EQ(q.calcVelocity_non_hspd(false, p.data(), kN, 40.0f, 1000.0f), 250.0);
-    p = linear(10.0f);
-    p[kC - 1] = M; // forward: (p[c+1] - p[c]) * rate / res
-    EXPECT_DOUBLE_EQ(q.calcVelocity_non_hspd(false, p.data(), kN, 40.0f, 1000.0f), 250.0);
-
-    std::vector<float> only(kN, M);
-    only[kC] = 3.0f;
-    EXPECT_EQ(q.calcVelocity_non_hspd(false, only.data(), kN, 40.0f, 1000.0f), M);
-    only[kC - 1] = 1.0f; // backward needs the centre
-    EXPECT_DOUBLE_EQ(q.calcVelocity_non_hspd(true, only.data(), kN, 40.0f, 1000.0f), 50.0);
-    only[kC] = M;
-    EXPECT_EQ(q.calcVelocity_non_hspd(true, only.data(), kN, 40.0f, 1000.0f), M);
-    // Series too short to have neighbours: nothing read outside.
-    float one = 5.0f;
+    // Too short a series for five points, or for any neighbour: nothing
+    // read outside.
+    const float five[] = {0, 10, 20, 40, 40}, one = 5.0f;
+    EXPECT_DOUBLE_EQ(q.calcVelocity_non_hspd(false, five, 5, 40.0f, 1000.0f), 375.0);
     EXPECT_EQ(q.calcVelocity_non_hspd(false, &one, 1, 40.0f, 1000.0f), M);
-    EXPECT_EQ(q.calcVelocity_non_hspd(false, nullptr, 0, 40.0f, 1000.0f), M);
 }
 
 // ---- the high-speed filter ------------------------------------------------
@@ -132,10 +105,8 @@ TEST(HighSpeedFilter, RowsByRateWithAFixedScale)
     struct Row { float rate; double sum; } rows[] = {
         {250.0f, 6.0}, {499.0f, 6.0}, {500.0f, 10.0}, {999.0f, 10.0},
         {1000.0f, 22.0}, {1999.0f, 22.0}, {2000.0f, 46.0}, {4000.0f, 46.0}};
-    for (const Row& r : rows) {
-        EXPECT_NEAR(q.calcVelocity_hspd(false, p.data(), kN, 10.0f, r.rate), 25.0 * 0.167 * r.sum * s, 1e-9)
-            << r.rate;
-    }
+    for (const Row& r : rows)
+        EXPECT_NEAR(q.calcVelocity_hspd(false, p.data(), kN, 10.0f, r.rate), 25.0 * 0.167 * r.sum * s, 1e-9) << r.rate;
     // 250.5 s / resolution at 250, not 250 s / resolution.
     EXPECT_NEAR(q.calcVelocity_hspd(false, p.data(), kN, 10.0f, 250.0f), 250.5 * s / 10.0, 1e-9);
     // Fast: half the distance of the inner supports, per 4 samples at 250.
@@ -157,13 +128,11 @@ TEST(HighSpeedFilter, EveryWindowValueMustBePresent)
     // At 1000 the window is c-9..c+9: outside it nothing matters; the
     // skipped centre must be present but its values are not used.
     std::vector<float> m = p;
-    m[kC - 10] = M;
-    m[kC + 10] = M;
-    const double expected = q.calcVelocity_hspd(false, p.data(), kN, 10.0f, 1000.0f);
-    EXPECT_DOUBLE_EQ(q.calcVelocity_hspd(false, m.data(), kN, 10.0f, 1000.0f), expected);
+    m[kC - 10] = m[kC + 10] = M;
     m[kC - 1] = 1000.0f;
     m[kC] = -50.0f;
     m[kC + 1] = 7.0f;
+    const double expected = q.calcVelocity_hspd(false, p.data(), kN, 10.0f, 1000.0f);
     EXPECT_DOUBLE_EQ(q.calcVelocity_hspd(false, m.data(), kN, 10.0f, 1000.0f), expected);
     m[kC + 1] = M;
     EXPECT_EQ(q.calcVelocity_hspd(false, m.data(), kN, 10.0f, 1000.0f), M);
@@ -177,130 +146,87 @@ TEST(HighSpeedFilter, EveryWindowValueMustBePresent)
 
 TEST(SetVelocity, StandardFilterOverTheQueue)
 {
-    auto q = std::make_unique<SampleQueue>(nullptr);
-    fillQueue(*q, kN + 10, 2);
-    Sample* s = centreOf(*q, 2);
-    ASSERT_NE(s, nullptr);
-    EXPECT_EQ(q->setVelocity(s, 1000), 0);
+    SampleQueue q(nullptr);
+    fillQueue(q, kN + 10, 2);
+    Sample* s = sampleAtSlot(q, kC, 2);
+    EXPECT_EQ(q.setVelocity(s, 1000), 0);
+    // The second position sits at (0, 0): its resolution is ~261.8.
+    const double rx = (225000000.0 / std::sqrt(225000000.0)) / 57.2958;
+    EXPECT_NEAR(rx, 261.8, 0.01);
     const FSAMPLE& fs = s->fs;
     for (int e = 0; e < 2; ++e) {
         EXPECT_FLOAT_EQ(fs.gazeVelX[e], 250.0f);
         EXPECT_FLOAT_EQ(fs.fastGazeVelX[e], 250.0f);
         EXPECT_FLOAT_EQ(fs.gazeVelY[e], 0.0f);
         EXPECT_FLOAT_EQ(fs.rawVelX[e], 50.0f);
-        EXPECT_FLOAT_EQ(fs.fastRawVelY[e], 0.0f);
-        // The second position sits at (0, 0): its resolution is ~261.8.
-        const double rx = secondResolutionX(0.0, 0.0);
-        EXPECT_NEAR(rx, 261.8, 0.01);
         EXPECT_FLOAT_EQ(fs.secondVelX[e], float(10000.0 / float(rx)));
         EXPECT_FLOAT_EQ(fs.fastSecondVelX[e], float(10000.0 / float(rx)));
-        EXPECT_FLOAT_EQ(fs.secondVelY[e], 0.0f);
-    }
-    // Computed the same, one pair at a time.
-    Sample* neighbours[kN] = {};
-    for (int k = -kC; k <= kC; ++k)
-        neighbours[kC + k] = q->getOldSample(1000 + 2 * unsigned(kC + k));
-    float vx[2] = {1, 1};
-    float vy[2] = {1, 1};
-    q->getVelocity(true, kSecondPosition, 1000, neighbours, kN, 1, vx, vy);
-    EXPECT_EQ(vx[1], fs.fastSecondVelX[1]);
-    EXPECT_EQ(vy[1], fs.fastSecondVelY[1]);
-    EXPECT_EQ(vx[0], 1.0f);
-    neighbours[kC] = nullptr; // no centre, no resolution
-    q->getVelocity(false, kGazePosition, 1000, neighbours, kN, 0, vx, vy);
-    EXPECT_EQ(vx[0], M);
-}
-
-TEST(SetVelocity, NeighboursAreFoundByTheRate)
-{
-    // Keys 4 apart are 500 samples per second: at 1000 no neighbour lies
-    // one interval away.  Without a rate there is no interval at all.
-    auto q = std::make_unique<SampleQueue>(nullptr);
-    fillQueue(*q, kN, 4);
-    Sample* s = centreOf(*q, 4);
-    q->setVelocity(s, 500);
-    EXPECT_FLOAT_EQ(s->fs.gazeVelX[0], 125.0f);
-    for (int rate : {1000, 0, -250}) {
-        q->setVelocity(s, rate);
-        EXPECT_EQ(s->fs.gazeVelX[0], M) << rate;
-        EXPECT_EQ(s->fs.fastRawVelY[1], M) << rate;
     }
 }
 
 TEST(SetVelocity, ClosedEyesAbsentEyesAndBadResolutions)
 {
-    auto q = std::make_unique<SampleQueue>(nullptr);
-    fillQueue(*q, kN, 2, [](FSAMPLE& fs, int i) {
-        if (i == kC - 1)
-            fs.pupilSize[0] = 12.0f; // eye 0 closed just before the centre
-        if (i == kC + 8)
-            fs.flags &= uint16_t(~kRight); // eye 1 not recorded
-        if (i == kC + 10)
-            fs.resolutionX = 0.005f;
-        if (i == kC + 11)
-            fs.resolutionY = M;
+    SampleQueue q(nullptr);
+    fillQueue(q, kN, 2, [](FSAMPLE& fs, int i) {
+        if (i == kC - 1) fs.pupilSize[0] = 12.0f;         // eye 0 closed just before the centre
+        if (i == kC + 8) fs.flags &= uint16_t(~kRight);   // eye 1 not recorded
+        if (i == kC + 10) fs.resolutionX = 0.005f;
+        if (i == kC + 11) fs.resolutionY = M;
     });
-    Sample* s = centreOf(*q, 2);
-    q->setVelocity(s, 1000);
+    Sample* s = sampleAtSlot(q, kC, 2);
+    q.setVelocity(s, 1000);
     // Eye 0's left neighbour is unusable: only the forward difference.
     EXPECT_FLOAT_EQ(s->fs.gazeVelX[0], 250.0f);
     EXPECT_FLOAT_EQ(s->fs.gazeVelX[1], 250.0f);
-    EXPECT_FLOAT_EQ(s->fs.rawVelX[0], 50.0f);
 
-    Sample* oneEye = q->getOldSample(1000 + 2 * (kC + 8));
-    for (float* v : {oneEye->fs.gazeVelX, oneEye->fs.fastRawVelY})
-        v[1] = 7.0f;
-    q->setVelocity(oneEye, 1000);
+    Sample* oneEye = sampleAtSlot(q, kC + 8, 2);
+    oneEye->fs.gazeVelX[1] = oneEye->fs.fastRawVelY[1] = 7.0f;
+    q.setVelocity(oneEye, 1000);
     EXPECT_EQ(oneEye->fs.gazeVelX[1], 7.0f);
     EXPECT_EQ(oneEye->fs.fastRawVelY[1], 7.0f);
     EXPECT_FLOAT_EQ(oneEye->fs.gazeVelX[0], 250.0f);
 
     for (int i : {kC + 10, kC + 11}) {
-        Sample* bad = q->getOldSample(1000 + 2 * unsigned(i));
-        q->setVelocity(bad, 1000);
+        Sample* bad = sampleAtSlot(q, i, 2);
+        q.setVelocity(bad, 1000);
         EXPECT_EQ(bad->fs.gazeVelX[0], M) << i;
         EXPECT_EQ(bad->fs.gazeVelY[0], M) << i;
         EXPECT_EQ(bad->fs.rawVelX[1], M) << i;
-        // The second position brings its own resolution.
-        EXPECT_NE(bad->fs.secondVelX[0], M) << i;
+        EXPECT_NE(bad->fs.secondVelX[0], M) << i << ": the second position brings its own resolution";
     }
 }
 
 TEST(SetVelocity, HighSpeedModelUsesTheHighSpeedFilter)
 {
     auto hq = fileOfModel("SOURCE: OCULANT HQ");
-    ASSERT_EQ(hq->trackerModel, 3);
     SampleQueue& q = *hq->queue;
     fillQueue(q, kN + 1, 1); // 2000 per second: the window is c-19..c+19
-    Sample* s = centreOf(q, 1);
+    Sample* s = sampleAtSlot(q, kC, 1);
     q.setVelocity(s, 2000);
     EXPECT_NEAR(s->fs.gazeVelX[0], 250.0 / 40.0 * 0.167 * 46.0 * 10.0, 1e-3);
     EXPECT_NEAR(s->fs.fastGazeVelX[1], 250.0 / 40.0 * 0.5 * 15.0 * 10.0, 1e-3);
-    // One sample off the edge of the window: nothing.
-    Sample* early = q.getOldSample(1000 + kC - 1);
+    Sample* early = sampleAtSlot(q, kC - 1, 1);
     q.setVelocity(early, 2000);
-    EXPECT_EQ(early->fs.gazeVelX[0], M);
+    EXPECT_EQ(early->fs.gazeVelX[0], M) << "one sample off the edge of the window";
 
     // A closed eye (pupil 12) in the window: no velocities for that eye,
     // neither for the sample itself nor for its neighbours.
     s->fs.pupilSize[0] = 12.0f;
-    for (Sample* t : {s, q.getOldSample(1000 + kC + 1)}) {
+    for (Sample* t : {s, sampleAtSlot(q, kC + 1, 1)}) {
         q.setVelocity(t, 2000);
         for (const float* v : {t->fs.gazeVelX, t->fs.gazeVelY, t->fs.secondVelX, t->fs.secondVelY,
                                t->fs.rawVelX, t->fs.rawVelY, t->fs.fastGazeVelX, t->fs.fastGazeVelY,
-                               t->fs.fastSecondVelX, t->fs.fastSecondVelY, t->fs.fastRawVelX,
-                               t->fs.fastRawVelY}) {
+                               t->fs.fastSecondVelX, t->fs.fastSecondVelY, t->fs.fastRawVelX, t->fs.fastRawVelY}) {
             EXPECT_EQ(v[0], M);
             EXPECT_NE(v[1], M);
         }
     }
 
     auto mk = fileOfModel("SOURCE: OCULANT MK");
-    SampleQueue& m = *mk->queue;
-    fillQueue(m, kN, 1);
-    Sample* t = centreOf(m, 1);
-    m.setVelocity(t, 2000);
-    EXPECT_FLOAT_EQ(t->fs.gazeVelX[0], 500.0f);
+    fillQueue(*mk->queue, kN, 1);
+    Sample* t = sampleAtSlot(*mk->queue, kC, 1);
+    mk->queue->setVelocity(t, 2000);
+    EXPECT_FLOAT_EQ(t->fs.gazeVelX[0], 500.0f) << "the standard filter";
 }
 
 TEST(SetVelocity, AgreesWithOnePairAtATime)
@@ -356,8 +282,7 @@ TEST(SetVelocity, AgreesWithOnePairAtATime)
             }
             const FSAMPLE& fs = s->fs;
             for (int eye = 0; eye < 2; ++eye) {
-                if (!(fs.flags & (eye == 0 ? kLeft : kRight)))
-                    continue;
+                if (!(fs.flags & (eye == 0 ? kLeft : kRight))) continue;
                 const struct { bool fast; int kind; const float* x; const float* y; } pairs[] = {
                     {false, kGazePosition, fs.gazeVelX, fs.gazeVelY},
                     {false, kSecondPosition, fs.secondVelX, fs.secondVelY},
@@ -367,8 +292,7 @@ TEST(SetVelocity, AgreesWithOnePairAtATime)
                     {true, kRawPosition, fs.fastRawVelX, fs.fastRawVelY},
                 };
                 for (const auto& p : pairs) {
-                    float vx[2] = {0, 0};
-                    float vy[2] = {0, 0};
+                    float vx[2] = {0, 0}, vy[2] = {0, 0};
                     q.getVelocity(p.fast, p.kind, c.rate, neighbours, kN, eye, vx, vy);
                     ASSERT_EQ(vx[eye], p.x[eye]) << c.source << " " << c.rate << " slot " << slot;
                     ASSERT_EQ(vy[eye], p.y[eye]) << c.source << " " << c.rate << " slot " << slot;
