@@ -178,6 +178,7 @@ public:
 
 private:
     ContainerForm readMagic();
+    int jumpToFirstTrial(uint32_t ORBTrial::*member, unsigned int time);
 };
 
 #endif

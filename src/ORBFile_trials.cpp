@@ -155,20 +155,21 @@ int ORBFile::jumpToTrial(int trial)
 
 int ORBFile::gotoTrialWithStartTime(unsigned int time)
 {
-    if (!trialsCollected)
-        collectTrials();
-    for (size_t i = 0; i < trials.size(); ++i)
-        if (trials[i].startTime == time)
-            return jumpToTrial(int(i));
-    return -1;
+    return jumpToFirstTrial(&ORBTrial::startTime, time);
 }
 
 int ORBFile::gotoTrialWithEndTime(unsigned int time)
 {
+    return jumpToFirstTrial(&ORBTrial::endTime, time);
+}
+
+// Jumps to the first trial whose start or end time (member) equals time.
+int ORBFile::jumpToFirstTrial(uint32_t ORBTrial::*member, unsigned int time)
+{
     if (!trialsCollected)
         collectTrials();
     for (size_t i = 0; i < trials.size(); ++i)
-        if (trials[i].endTime == time)
+        if (trials[i].*member == time)
             return jumpToTrial(int(i));
     return -1;
 }

@@ -55,6 +55,21 @@ void packedCentre(_ORBFILE* ef, const FSAMPLE* s, int eye, bool fromCr, float* x
     xy[1] = ((y + 32700.0f) * 16.0f + float(g & 15)) * kFraction;
 }
 
+// Pupil (fromCr false) or CR (fromCr true) centre in camera coordinates,
+// missing when the area is 0.
+void centre(_ORBFILE* ef, const FSAMPLE* s, int eye, bool fromCr, int area, float* xy)
+{
+    if (area == 0) {
+        xy[0] = xy[1] = kMissingValue;
+    } else if (s->pupilSize[eye] >= 0.0f) {
+        const int first = fromCr ? 2 : 0;
+        xy[0] = float(word(s, first)) / 250.0f + float(windowX(s));
+        xy[1] = float(word(s, first + 1)) / 250.0f + float(windowY(s));
+    } else {
+        packedCentre(ef, s, eye, fromCr, xy);
+    }
+}
+
 // Removes the overlap of the CR disc (with margin) from the pupil: the pupil
 // centre and area are blended toward the centre and area of pupil and disc
 // together, in proportion to how far the disc reaches into the pupil.
@@ -188,26 +203,12 @@ void orb_get_window_position(_ORBFILE*, FSAMPLE* s, int* pos)
 
 void orb_get_uncorrected_raw_pupil(_ORBFILE* ef, FSAMPLE* s, int eye, float* xy)
 {
-    if (orb_get_uncorrected_pupil_area(ef, s, eye) == 0) {
-        xy[0] = xy[1] = kMissingValue;
-    } else if (s->pupilSize[eye] >= 0.0f) {
-        xy[0] = float(word(s, 0)) / 250.0f + float(windowX(s));
-        xy[1] = float(word(s, 1)) / 250.0f + float(windowY(s));
-    } else {
-        packedCentre(ef, s, eye, false, xy);
-    }
+    centre(ef, s, eye, false, orb_get_uncorrected_pupil_area(ef, s, eye), xy);
 }
 
 void orb_get_uncorrected_raw_cr(_ORBFILE* ef, FSAMPLE* s, int eye, float* xy)
 {
-    if (orb_get_uncorrected_cr_area(ef, s, eye) == 0) {
-        xy[0] = xy[1] = kMissingValue;
-    } else if (s->pupilSize[eye] >= 0.0f) {
-        xy[0] = float(word(s, 2)) / 250.0f + float(windowX(s));
-        xy[1] = float(word(s, 3)) / 250.0f + float(windowY(s));
-    } else {
-        packedCentre(ef, s, eye, true, xy);
-    }
+    centre(ef, s, eye, true, orb_get_uncorrected_cr_area(ef, s, eye), xy);
 }
 
 void orb_get_uncorrected_raw_cr2(_ORBFILE* ef, FSAMPLE* s, int eye, float* xy)
