@@ -207,6 +207,28 @@ ORBAPI_EXPORT _ORBFILE *orb_open_file(const char *fname, int consistency,
                                       int loadevents, int loadsamples,
                                       int *errval);
 
+/* Opens a recording held in memory: `size` bytes at `data`, laid out exactly
+ * as an ORB file on disk (either container form).  Everything else is as
+ * orb_open_file on a file holding those bytes: the same records, the same
+ * log lines, the same failures.  The bytes are read in place, not copied:
+ * the caller keeps them alive and unchanged until orb_close_file.  A
+ * compressed body is inflated into memory owned by the handle.
+ * Sets *errval to 0 and returns the handle, or sets *errval to -1 and
+ * returns NULL (the reason is then orb_get_last_error()).  `data` may be
+ * NULL only when `size` is 0. */
+ORBAPI_EXPORT _ORBFILE *orb_open_memory(const void *data, size_t size,
+                                        int consistency, int loadevents,
+                                        int loadsamples, int *errval);
+
+/* Why the last orb_open_file, orb_open_memory, orb_read_columns or
+ * orb_read_columns_memory called on this thread failed: the lines the
+ * library logged during that call, in order, exactly as the log function
+ * received them (for example "Bad magic.  Corrupt orb file. \n...").  The
+ * empty string when that call succeeded or none was made yet.  The text
+ * belongs to the calling thread and stays valid until its next open or
+ * read; each thread has its own.  Never NULL. */
+ORBAPI_EXPORT const char *orb_get_last_error(void);
+
 /* Closes the file and frees everything it holds.  NULL is accepted.
  * Returns 0. */
 ORBAPI_EXPORT int orb_close_file(_ORBFILE *ef);
@@ -390,6 +412,162 @@ ORBAPI_EXPORT void orb_get_uncorrected_raw_cr2(_ORBFILE *ef, FSAMPLE *s,
  * the pupil; written to xy[0], xy[1] and returns xy. */
 ORBAPI_EXPORT float *orb_get_pupil_cr(_ORBFILE *ef, FSAMPLE *s, int eye,
                                       float *xy);
+
+/* ------------------------------------------------------------------------ */
+/* Columnar reading: a whole recording into arrays in one call              */
+/* ------------------------------------------------------------------------ */
+
+/* A recording read into columns: one array per record member, one row per
+ * item, rows in the order orb_get_next_data delivers the items.  Every value
+ * is bit for bit what a full cursor walk (orb_get_next_data from the first
+ * item to the last, orb_get_float_data on each) hands out for the same open
+ * arguments; stored missing markers stay as stored.  Opaque; owned by the
+ * caller until orb_free_columns. */
+typedef struct ORB_COLUMNS ORB_COLUMNS;
+
+/* The tables of an ORB_COLUMNS. */
+enum {
+    ORB_TABLE_SAMPLES = 0,  /* one row per SAMPLE item                      */
+    ORB_TABLE_EVENTS = 1,   /* one row per event item, messages included    */
+    ORB_TABLE_BLOCKS = 2,   /* one row per RECORDING item (starts and ends) */
+    ORB_TABLE_TRIALS = 3    /* one row per trial                            */
+};
+
+/* Element types of a column. */
+enum {
+    ORB_COLUMN_UINT8 = 1, ORB_COLUMN_INT16 = 2, ORB_COLUMN_UINT16 = 3,
+    ORB_COLUMN_INT32 = 4, ORB_COLUMN_UINT32 = 5, ORB_COLUMN_FLOAT32 = 6,
+    ORB_COLUMN_FLOAT64 = 7, ORB_COLUMN_INT64 = 8, ORB_COLUMN_UINT64 = 9
+};
+
+/* The columns of each table, in this order.  `_left` and `_right` are the
+ * [0] and [1] of an eye pair.  Bracketed groups are present only with the
+ * flag named.
+ *
+ * ORB_TABLE_SAMPLES, the FSAMPLE members:
+ *   time (UINT32); raw_x_left, raw_x_right, raw_y_left, raw_y_right,
+ *   second_x_*, second_y_*, pupil_size_*, gaze_x_*, gaze_y_* (FLOAT32, each
+ *   _left then _right); resolution_x, resolution_y (FLOAT32);
+ *   [ORB_COLUMNS_VELOCITIES: gaze_vel_x_*, gaze_vel_y_*, second_vel_x_*,
+ *   second_vel_y_*, raw_vel_x_*, raw_vel_y_*, fast_gaze_vel_x_*,
+ *   fast_gaze_vel_y_*, fast_second_vel_x_*, fast_second_vel_y_*,
+ *   fast_raw_vel_x_*, fast_raw_vel_y_* (FLOAT32)];
+ *   extra_data_0 .. extra_data_7, flags, input, buttons (UINT16);
+ *   extra_type (INT16); status (UINT16);
+ *   [ORB_COLUMNS_CAMERA, the values of the raw pupil and CR accessors called
+ *   on a copy of the sample, after the trial list is built:
+ *   pupil_area_*, cr_area_*, cr2_area_* (INT32); pupil_width_*,
+ *   pupil_height_* (INT32, orb_get_pupil_dimension); cr_width, cr_height
+ *   (INT32); window_x, window_y (INT32); raw_pupil_x_*, raw_pupil_y_*,
+ *   raw_cr_x_*, raw_cr_y_*, raw_cr2_x_*, raw_cr2_y_*, pupil_cr_x_*,
+ *   pupil_cr_y_* (FLOAT32)];
+ *   index, block, trial (INT32, see below).
+ *
+ * ORB_TABLE_EVENTS, the FEVENT members of every item that is neither a
+ * sample nor a RECORDING item:
+ *   time (UINT32); type, contents (UINT16); start_time, end_time (UINT32);
+ *   start_pos_x, start_pos_y, start_gaze_x, start_gaze_y, start_scalar,
+ *   end_pos_x, end_pos_y, end_gaze_x, end_gaze_y, end_scalar, avg_pos_x,
+ *   avg_pos_y, avg_gaze_x, avg_gaze_y, avg_scalar, avg_pupil, peak_pupil,
+ *   start_pupil, end_pupil, start_res_x, end_res_x, start_res_y, end_res_y
+ *   (FLOAT32); eye (INT16); aux0, block_flags, block_flags2, block_option,
+ *   item_tag (UINT16); message_offset (UINT64) and message_length (UINT32):
+ *   where a MESSAGE's text lies in orb_columns_text(), the stored length
+ *   clamped to 0..498 (0 and 0 for other items);
+ *   index, block, trial (INT32).
+ *
+ * ORB_TABLE_BLOCKS, the public Recording members of every RECORDING item:
+ *   time (UINT32); sample_rate (FLOAT32); event_flags, sample_flags
+ *   (UINT16); state, record_type, filter_flag, mode_flag, mode_level,
+ *   block_option2, eyes (UINT8); index, block (INT32).
+ *
+ * ORB_TABLE_TRIALS, the TRIAL members of every trial:
+ *   block (INT32, the block of TRIAL.rec, -1 when none); duration (UINT32,
+ *   TRIAL.trialWord); start_time, end_time (UINT32); start_index,
+ *   end_index (UINT32, the index positions the trial spans).
+ *
+ * index: the row's position in the time-ordered index (as
+ * orb_get_element_index before the step onto it).  block: the 0-based
+ * number of the block the row lies in, counting block starts (RECORDING
+ * items with state 1) in delivery order; a row lies in the latest block
+ * start at or before it unless a block end came between; -1 outside every
+ * block.  trial: the 0-based trial whose index span holds the row, -1
+ * outside every trial. */
+
+/* Flags of orb_read_columns. */
+#define ORB_COLUMNS_VELOCITIES 0x1 /* add the 24 velocity columns of samples */
+#define ORB_COLUMNS_CAMERA     0x2 /* add the raw pupil and CR columns       */
+
+/* Called now and then during a read with the fraction done (0 to 1, never
+ * decreasing; 1 is reported once at the end).  Return 0 to go on, anything
+ * else to cancel: the read then fails with the reason "Cancelled\n". */
+typedef int (*orb_progress_function)(double fraction, void *user);
+
+/* One column: its name, its element type and its rows. */
+typedef struct ORB_COLUMN {
+    const char *name;       /* e.g. "gaze_x_left"; valid as long as the
+                               ORB_COLUMNS                                   */
+    int type;               /* ORB_COLUMN_*                                  */
+    const void *data;       /* orb_columns_rows() elements of that type,
+                               aligned for it; NULL when the table is empty  */
+} ORB_COLUMN;
+
+/* Reads the whole recording `fname` into columns.  `consistency`,
+ * `loadevents` and `loadsamples` are those of orb_open_file.  `flags`: any
+ * of ORB_COLUMNS_VELOCITIES and ORB_COLUMNS_CAMERA.  `trial_start` and
+ * `trial_end` are the trial identifiers (as orb_set_trial_identifier; NULL
+ * trial_start means "TRIALID", NULL trial_end none); they are copied.
+ * `progress` may be NULL.  Returns the columns, or NULL with *errval -1 when
+ * the file is refused (reason in orb_get_last_error()), -2 when the read was
+ * cancelled, -3 when memory ran out.  `errval` may be NULL.
+ * Any thread may call it; two calls on two threads run in parallel. */
+ORBAPI_EXPORT ORB_COLUMNS *orb_read_columns(const char *fname, int consistency,
+                                            int loadevents, int loadsamples,
+                                            int flags, const char *trial_start,
+                                            const char *trial_end,
+                                            orb_progress_function progress,
+                                            void *user, int *errval);
+
+/* As orb_read_columns, over `size` bytes at `data` (see orb_open_memory).
+ * The bytes are needed only during the call. */
+ORBAPI_EXPORT ORB_COLUMNS *orb_read_columns_memory(
+    const void *data, size_t size, int consistency, int loadevents,
+    int loadsamples, int flags, const char *trial_start, const char *trial_end,
+    orb_progress_function progress, void *user, int *errval);
+
+/* Frees the columns and everything they hold.  NULL is accepted. */
+ORBAPI_EXPORT void orb_free_columns(ORB_COLUMNS *c);
+
+/* Number of rows of `table`; 0 for an unknown table or a NULL handle. */
+ORBAPI_EXPORT size_t orb_columns_rows(const ORB_COLUMNS *c, int table);
+
+/* Number of columns of `table`; 0 for an unknown table or a NULL handle. */
+ORBAPI_EXPORT int orb_columns_count(const ORB_COLUMNS *c, int table);
+
+/* Writes column `i` (0 to orb_columns_count() - 1) of `table` to *out.
+ * Returns 0, or -1 (and leaves *out alone) when there is no such column. */
+ORBAPI_EXPORT int orb_columns_column(const ORB_COLUMNS *c, int table, int i,
+                                     ORB_COLUMN *out);
+
+/* Writes the column of `table` called `name` to *out.  Returns 0, or -1
+ * when there is none. */
+ORBAPI_EXPORT int orb_columns_find(const ORB_COLUMNS *c, int table,
+                                   const char *name, ORB_COLUMN *out);
+
+/* The message bytes of the events table, all messages one after another;
+ * a row's bytes are its "message_length" bytes from its "message_offset".
+ * Writes their total size to *size (may be NULL).  NULL when there are
+ * none. */
+ORBAPI_EXPORT const char *orb_columns_text(const ORB_COLUMNS *c, size_t *size);
+
+/* The preamble text as orb_get_preamble_text gives it, and the revisions
+ * as orb_get_revision and orb_get_oculant_revision give them. */
+ORBAPI_EXPORT const char *orb_columns_preamble(const ORB_COLUMNS *c);
+ORBAPI_EXPORT int orb_columns_revision(const ORB_COLUMNS *c);
+ORBAPI_EXPORT int orb_columns_oculant_revision(const ORB_COLUMNS *c);
+
+/* Number of items in the time-ordered index (orb_get_element_count). */
+ORBAPI_EXPORT size_t orb_columns_items(const ORB_COLUMNS *c);
 
 #ifdef __cplusplus
 } /* extern "C" */
