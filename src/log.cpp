@@ -12,6 +12,10 @@ namespace {
 // The caller's log function; null prints to standard output.
 std::atomic<void (*)(char*)> logfcn{nullptr};
 
+// Per thread: where its logged lines are collected, and its last failure.
+thread_local std::string* capture = nullptr;
+thread_local std::string lastError;
+
 // Standard output receives the formatted text used as a format a second
 // time, so "%%" that survived the first pass prints as "%".  Conversions
 // that would need arguments have none to read: they are printed as they
@@ -38,6 +42,8 @@ int orb_logv(const char* fmt, va_list args)
 {
     char buffer[500] = {};
     std::vsnprintf(buffer, sizeof buffer, fmt, args);
+    if (capture)
+        capture->append(buffer);
     if (auto sink = logfcn.load(std::memory_order_acquire))
         sink(buffer);
     else
@@ -54,7 +60,22 @@ int orb_log(const char* fmt, ...)
     return 0;
 }
 
+LastErrorCapture::LastErrorCapture() : outer_(capture)
+{
+    capture = &lines_;
+}
+
+LastErrorCapture::~LastErrorCapture()
+{
+    capture = outer_;
+    if (outer_)
+        outer_->append(lines_);
+    lastError = failed_ ? lines_ : std::string();
+}
+
 extern "C" {
+
+const char* orb_get_last_error(void) { return lastError.c_str(); }
 
 void orb_set_log_function(void (*fcn)(char*))
 {
