@@ -39,8 +39,13 @@ void Table::addPair(const std::string& name, int type, Source source, size_t off
 
 void Table::allocate(size_t capacity)
 {
-    for (Column& c : columns_)
+    for (std::vector<Copy>& copies : copies_)
+        copies.clear();
+    for (Column& c : columns_) {
         c.data.reset(capacity ? new unsigned char[capacity * c.size] : nullptr);
+        const int group = c.size == 1 ? 0 : c.size == 2 ? 1 : c.size == 4 ? 2 : 3;
+        copies_[group].push_back(Copy{c.data.get(), c.offset, c.source});
+    }
     capacity_ = capacity;
     rows_ = 0;
 }

@@ -94,16 +94,10 @@ public:
     // may be null).  At most the allocated capacity.
     void append(const void* const* sources)
     {
-        for (Column& c : columns_) {
-            const unsigned char* from = static_cast<const unsigned char*>(sources[c.source]) + c.offset;
-            unsigned char* to = c.data.get() + rows_ * c.size;
-            switch (c.size) {
-            case 1: *to = *from; break;
-            case 2: copy<2>(to, from); break;
-            case 4: copy<4>(to, from); break;
-            default: copy<8>(to, from); break;
-            }
-        }
+        copy<4>(copies_[2], sources);
+        copy<2>(copies_[1], sources);
+        copy<1>(copies_[0], sources);
+        copy<8>(copies_[3], sources);
         ++rows_;
     }
 
@@ -114,13 +108,22 @@ public:
     bool describe(size_t i, ORB_COLUMN* out) const;
 
 private:
+    // One column's copy: its storage, and where its member lies.
+    struct Copy {
+        unsigned char* to;
+        uint32_t offset;
+        Source source;
+    };
+
     template <size_t N>
-    static void copy(unsigned char* to, const unsigned char* from)
+    void copy(const std::vector<Copy>& copies, const void* const* sources)
     {
-        __builtin_memcpy(to, from, N);
+        for (const Copy& c : copies)
+            __builtin_memcpy(c.to + rows_ * N, static_cast<const unsigned char*>(sources[c.source]) + c.offset, N);
     }
 
     std::vector<Column> columns_;
+    std::vector<Copy> copies_[4]; // by element size 1, 2, 4, 8
     size_t rows_ = 0;
     size_t capacity_ = 0;
 };

@@ -33,6 +33,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <utility>
+#include <vector>
 
 namespace orbsort {
 
@@ -235,6 +236,56 @@ template <class T, class Comp>
 void introsort(T* first, T* last, Comp comp)
 {
     IntroSorter<T, Comp>(first, last, comp).run();
+}
+
+// The same order as introsort, found faster when the range is nearly in
+// order.  An insertion sort with a bounded number of moves orders a copy;
+// when the comparator then proves to be a strict total order on the range
+// (every entry strictly before every later one: checked between
+// neighbours of different rank, and pairwise within runs that `sameRank`
+// groups, such as entries of one instant), that order is the only one any
+// correct sort can give, introsort's included.  Otherwise, or when the
+// range is far from ordered, introsort orders the range itself.
+// `scratch` is reused between calls.
+template <class T, class Comp, class SameRank>
+void sortNearlyOrdered(T* first, T* last, Comp comp, SameRank sameRank, std::vector<T>& scratch)
+{
+    constexpr std::ptrdiff_t kLongestRun = 32;
+    const std::ptrdiff_t n = last - first;
+    scratch.assign(first, last);
+    T* const v = scratch.data();
+    int64_t moves = 8 * int64_t(n) + 64;
+    bool ordered = true;
+    for (std::ptrdiff_t i = 1; i < n && ordered; ++i) {
+        T value = v[i];
+        std::ptrdiff_t j = i;
+        while (j > 0 && comp(value, v[j - 1])) {
+            v[j] = v[j - 1];
+            --j;
+            if (--moves < 0) {
+                ordered = false;
+                break;
+            }
+        }
+        v[j] = value;
+    }
+    for (std::ptrdiff_t i = 0; i < n && ordered;) {
+        std::ptrdiff_t end = i + 1;
+        while (end < n && sameRank(v[i], v[end]))
+            ++end;
+        if (end - i > kLongestRun)
+            ordered = false;
+        for (std::ptrdiff_t p = i; p < end && ordered; ++p)
+            for (std::ptrdiff_t q = p + 1; q < end && ordered; ++q)
+                ordered = comp(v[p], v[q]) && !comp(v[q], v[p]);
+        if (ordered && end < n)
+            ordered = comp(v[end - 1], v[end]) && !comp(v[end], v[end - 1]);
+        i = end;
+    }
+    if (ordered)
+        std::copy(v, v + n, first);
+    else
+        introsort(first, last, comp);
 }
 
 } // namespace orbsort

@@ -38,6 +38,10 @@ enum class ContainerForm { Plain, Compressed };
 // destination.  Returns 0 when the stream ended, else a negative zlib code.
 int do_uncompress(FILE* source, FILE* destination);
 
+// What the cursor hands out for a copy of a queued sample of index entry
+// `item`: blink repairs and the half-millisecond flag applied.
+void finishSample(FSAMPLE& fs, const ORBItem& item);
+
 class ORBFile {
 public:
     // Opens path.  options: bits 0-1 consistency mode, bit 2 tolerant
@@ -74,6 +78,9 @@ public:
     void mergeBlinksInsideSaccade();
     void markSamplesInsideBlink();
     void adjustTimes(ALLF_DATA* data);
+    // adjustTimes for the time of a sample or recording record handed out
+    // at the current position.
+    void adjustTime(uint32_t& time);
 
     // ---- samples (ORBFile_batch.cpp) -----------------------------------
     int batchReadSample(int itemIndex);
@@ -83,6 +90,11 @@ public:
     // 0 past the end.
     int stepNext();
     int readItem(int index);
+    // The queue entry of the sample at index entry `index`, read into the
+    // queue when needed, its velocities filled when asked for; null when no
+    // sample carries the entry's key.  Throws ORBException when the stream
+    // cannot be read.
+    Sample* queuedSample(int index, bool velocities);
     ALLF_DATA* getFloatData();
     void resetPosition(const ORBItem* item);
     int gotoIndex(int index);
@@ -178,6 +190,7 @@ public:
 
 private:
     ContainerForm readMagic();
+    bool settleTimeOffset(uint32_t first);
     int jumpToFirstTrial(uint32_t ORBTrial::*member, unsigned int time);
 };
 

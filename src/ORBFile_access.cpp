@@ -81,25 +81,11 @@ int ORBFile::readItem(int index)
     }
 
     if (code == SAMPLE) {
-        const unsigned long long key = item.key();
-        auto carriesKey = [&](const Sample* s) {
-            const int slot = queue->slotOf(s);
-            return slot >= 0 && queue->keyAt(slot) == key;
-        };
-        Sample* s = queue->getSample(index);
-        if (!carriesKey(s))
-            s = queue->getSample(index);
+        Sample* s = queuedSample(index, true);
         if (!s) {
-            // No sample carries this entry's key (the stream and the index
-            // disagree here): nothing to hand out.
             std::memset(static_cast<void*>(&currentData), 0, sizeof currentData);
             return -1;
         }
-        if (!currentRecording)
-            orb_log("WARNING: ORB FILE MAY BE CORRUPTED. Samples %ld found without start recording \n",
-                    long(s->fs.time));
-        else
-            queue->setVelocity(s, roundedRate(currentRecording->sampleRate));
         // The caller gets a copy: what is changed below for blinks stays
         // out of the queue, whose positions the neighbours' velocities use.
         currentData.fs = s->fs;
@@ -108,6 +94,36 @@ int ORBFile::readItem(int index)
 
     std::memset(static_cast<void*>(&currentData), 0, sizeof currentData);
     return -1;
+}
+
+Sample* ORBFile::queuedSample(int index, bool velocities)
+{
+    const unsigned long long key = items[size_t(index)].key();
+    auto carriesKey = [&](const Sample* s) {
+        const int slot = queue->slotOf(s);
+        return slot >= 0 && queue->keyAt(slot) == key;
+    };
+    Sample* s = queue->getSample(index);
+    if (!carriesKey(s))
+        s = queue->getSample(index);
+    if (!s) // no sample carries this entry's key: the stream and the index disagree here
+        return nullptr;
+    if (!currentRecording)
+        orb_log("WARNING: ORB FILE MAY BE CORRUPTED. Samples %ld found without start recording \n",
+                long(s->fs.time));
+    else if (velocities)
+        queue->setVelocity(s, roundedRate(currentRecording->sampleRate));
+    return s;
+}
+
+void finishSample(FSAMPLE& fs, const ORBItem& item)
+{
+    if (item.type & kFlagEye0)
+        maskEye(fs, 0);
+    if (item.type & kFlagEye1)
+        maskEye(fs, 1);
+    if (item.key() != 2ull * fs.time)
+        fs.flags = uint16_t(fs.flags | kHalfMillisecond);
 }
 
 ALLF_DATA* ORBFile::getFloatData()
@@ -133,13 +149,7 @@ ALLF_DATA* ORBFile::getFloatData()
     const unsigned long long key = item.key();
 
     if (code == SAMPLE) {
-        FSAMPLE& fs = currentData.fs;
-        if (item.type & kFlagEye0)
-            maskEye(fs, 0);
-        if (item.type & kFlagEye1)
-            maskEye(fs, 1);
-        if (key != 2ull * fs.time)
-            fs.flags = uint16_t(fs.flags | kHalfMillisecond);
+        finishSample(currentData.fs, item);
         return &currentData;
     }
 

@@ -175,6 +175,28 @@ void ORBFile::markSamplesInsideBlink()
     }
 }
 
+// The offset is settled by the first record handed out: times of a tracker
+// clock that has run for days are shifted back by it, small times are left
+// alone for the whole file.
+bool ORBFile::settleTimeOffset(uint32_t first)
+{
+    if (timeOffset != 0)
+        return true;
+    timeOffset = first;
+    if (timeOffset < kTimeOffsetThreshold) {
+        timeFixupOff = true;
+        return false;
+    }
+    orb_log("Enabling time offset fixup\n");
+    return true;
+}
+
+void ORBFile::adjustTime(uint32_t& time)
+{
+    if (!timeFixupOff && settleTimeOffset(time))
+        time -= timeOffset;
+}
+
 void ORBFile::adjustTimes(ALLF_DATA* data)
 {
     if (timeFixupOff)
@@ -185,30 +207,12 @@ void ORBFile::adjustTimes(ALLF_DATA* data)
     }
     const unsigned c = items[size_t(current) - 1].code();
 
-    // The offset is settled by the first record handed out: times of a
-    // tracker clock that has run for days are shifted back by it, small
-    // times are left alone for the whole file.
-    auto settleOffset = [this](uint32_t first) {
-        if (timeOffset != 0)
-            return true;
-        timeOffset = first;
-        if (timeOffset < kTimeOffsetThreshold) {
-            timeFixupOff = true;
-            return false;
-        }
-        orb_log("Enabling time offset fixup\n");
-        return true;
-    };
-
     if (c == RECORDING || c == SAMPLE) {
-        uint32_t& time = c == RECORDING ? data->rec.time : data->fs.time;
-        if (!settleOffset(time))
-            return;
-        time -= timeOffset;
+        adjustTime(c == RECORDING ? data->rec.time : data->fs.time);
     } else if (isEventCode(c)) {
         FEVENT& fe = data->fe;
         const uint32_t first = fe.time == 0 ? fe.startTime : std::min(fe.time, fe.startTime);
-        if (!settleOffset(first))
+        if (!settleTimeOffset(first))
             return;
         fe.time -= timeOffset;
         fe.startTime -= timeOffset;

@@ -118,14 +118,19 @@ void ORBFile::sortItems()
 {
     ORBItem* const data = items.data();
     const size_t n = items.size();
+    std::vector<ORBItem> scratch;
+    auto sameInstant = [](const ORBItem& a, const ORBItem& b) { return a.key() == b.key(); };
+    auto sort = [&](ORBItem* from, ORBItem* to) {
+        orbsort::sortNearlyOrdered(from, to, ByTime(), sameInstant, scratch);
+    };
     if (n <= kWholeSortLimit) {
-        orbsort::introsort(data, data + n, ByTime());
+        sort(data, data + n);
         return;
     }
     size_t first = 0;
     size_t last = kFirstStretch;
     for (;;) {
-        orbsort::introsort(data + first, data + last, ByTime());
+        sort(data + first, data + last);
         if (last == n)
             break;
         first = last - kStretchOverlap;

@@ -166,18 +166,45 @@ void ColumnReader::walk()
     sources[kFromText] = &text;
     sources[kFromCamera] = &cam;
 
+    const bool velocities = flags_ & ORB_COLUMNS_VELOCITIES;
     int32_t block = -1;     // the block the rows lie in
     int32_t nextBlock = 0;  // the number of the next block start
+    FSAMPLE fs;
     int code;
     while ((code = f_.stepNext()) != NO_MORE_ITEMS) {
         const size_t index = size_t(f_.current - 1);
         if (index % kProgressEvery == 0 && index != 0)
             report(double(index) / double(total));
+        place.index = int32_t(index);
+        if (code == SAMPLE) {
+            // As getFloatData and adjustTimes hand it out, straight from
+            // the queue, velocities only when they are wanted.
+            const ORBItem& item = f_.items[index];
+            try {
+                const Sample* s = f_.queuedSample(int(index), velocities);
+                if (!s) {
+                    orb_log("Read error \n");
+                    continue;
+                }
+                fs = s->fs;
+            } catch (const ORBException& e) {
+                orb_log("Error %s \n", e.what());
+                continue;
+            }
+            finishSample(fs, item);
+            f_.adjustTime(fs.time);
+            place.block = block;
+            place.trial = trialOf(index);
+            if (camera)
+                cameraValues(handle, fs, cam);
+            sources[kFromSample] = &fs;
+            samples.append(sources);
+            continue;
+        }
         ALLF_DATA* d = f_.getFloatData();
         if (!d)
             continue; // the cursor hands out nothing here: no row
         f_.adjustTimes(d);
-        place.index = int32_t(index);
         if (code == RECORDING) {
             const ORBItem& item = f_.items[index];
             if (d->rec.state == 1) {
@@ -194,22 +221,15 @@ void ColumnReader::walk()
         }
         place.block = block;
         place.trial = trialOf(index);
-        if (code == SAMPLE) {
-            if (camera)
-                cameraValues(handle, d->fs, cam);
-            sources[kFromSample] = &d->fs;
-            samples.append(sources);
-        } else {
-            const ORB_MESSAGE* m = d->fe.message;
-            text.offset = c_->text.size();
-            text.length = 0;
-            if (m) {
-                text.length = uint32_t(std::clamp<int>(m->length, 0, int(sizeof m->text)));
-                c_->text.append(m->text, text.length);
-            }
-            sources[kFromEvent] = &d->fe;
-            events.append(sources);
+        const ORB_MESSAGE* m = d->fe.message;
+        text.offset = c_->text.size();
+        text.length = 0;
+        if (m) {
+            text.length = uint32_t(std::clamp<int>(m->length, 0, int(sizeof m->text)));
+            c_->text.append(m->text, text.length);
         }
+        sources[kFromEvent] = &d->fe;
+        events.append(sources);
     }
 }
 
