@@ -1,6 +1,8 @@
 // Column layouts and storage of ORB_COLUMNS.
 #include "Columns.h"
 
+#include <sys/mman.h>
+
 #include <cstddef>
 #include <new>
 
@@ -37,14 +39,65 @@ void Table::addPair(const std::string& name, int type, Source source, size_t off
     add(name + "_right", type, source, offset + size);
 }
 
+namespace {
+
+// Mapped blocks from this size on; huge pages are 2 MiB.
+constexpr size_t kMapFrom = size_t(4) << 20;
+constexpr size_t kColumnAlign = 64;
+
+} // namespace
+
+Storage::Storage(size_t bytes) : bytes_(bytes)
+{
+    if (bytes >= kMapFrom) {
+        void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (p == MAP_FAILED)
+            throw std::bad_alloc();
+        madvise(p, bytes, MADV_HUGEPAGE); // a hint; without it small pages serve
+        data_ = static_cast<unsigned char*>(p);
+        mapped_ = true;
+    } else if (bytes > 0) {
+        data_ = static_cast<unsigned char*>(::operator new(bytes, std::align_val_t(kColumnAlign)));
+    }
+}
+
+Storage::~Storage()
+{
+    if (!data_)
+        return;
+    if (mapped_)
+        munmap(data_, bytes_);
+    else
+        ::operator delete(data_, std::align_val_t(kColumnAlign));
+}
+
+Storage& Storage::operator=(Storage&& other) noexcept
+{
+    if (this != &other) {
+        Storage gone(std::move(*this));
+        data_ = other.data_;
+        bytes_ = other.bytes_;
+        mapped_ = other.mapped_;
+        other.data_ = nullptr;
+    }
+    return *this;
+}
+
 void Table::allocate(size_t capacity)
 {
+    auto span = [&](const Column& c) { return (capacity * c.size + kColumnAlign - 1) / kColumnAlign * kColumnAlign; };
+    size_t total = 0;
+    for (const Column& c : columns_)
+        total += span(c);
+    storage_ = Storage(total);
     for (std::vector<Copy>& copies : copies_)
         copies.clear();
+    unsigned char* at = storage_.data();
     for (Column& c : columns_) {
-        c.data.reset(capacity ? new unsigned char[capacity * c.size] : nullptr);
+        c.data = capacity ? at : nullptr;
+        at += span(c);
         const int group = c.size == 1 ? 0 : c.size == 2 ? 1 : c.size == 4 ? 2 : 3;
-        copies_[group].push_back(Copy{c.data.get(), c.offset, c.source});
+        copies_[group].push_back(Copy{c.data, c.offset, c.source});
     }
     capacity_ = capacity;
     rows_ = 0;
@@ -57,7 +110,7 @@ bool Table::describe(size_t i, ORB_COLUMN* out) const
     const Column& c = columns_[i];
     out->name = c.name.c_str();
     out->type = c.type;
-    out->data = rows_ ? c.data.get() : nullptr;
+    out->data = rows_ ? c.data : nullptr;
     return true;
 }
 

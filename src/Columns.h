@@ -78,7 +78,31 @@ struct Column {
     Source source = kFromSample;
     uint16_t offset = 0; // of the member in its source record
     uint8_t size = 0;
-    std::unique_ptr<unsigned char[]> data;
+    unsigned char* data = nullptr; // in the table's storage
+};
+
+// The storage of a table's columns: one block, backed by huge pages where
+// the system offers them, so that filling it costs few page faults.
+class Storage {
+public:
+    Storage() = default;
+    // Throws std::bad_alloc.
+    explicit Storage(size_t bytes);
+    ~Storage();
+    Storage(Storage&& other) noexcept : data_(other.data_), bytes_(other.bytes_), mapped_(other.mapped_)
+    {
+        other.data_ = nullptr;
+    }
+    Storage& operator=(Storage&& other) noexcept;
+    Storage(const Storage&) = delete;
+    Storage& operator=(const Storage&) = delete;
+
+    unsigned char* data() const { return data_; }
+
+private:
+    unsigned char* data_ = nullptr;
+    size_t bytes_ = 0;
+    bool mapped_ = false;
 };
 
 class Table {
@@ -123,6 +147,7 @@ private:
     }
 
     std::vector<Column> columns_;
+    Storage storage_;
     std::vector<Copy> copies_[4]; // by element size 1, 2, 4, 8
     size_t rows_ = 0;
     size_t capacity_ = 0;

@@ -260,22 +260,25 @@ SampleQueue::SampleQueue(ORBFile* file) : file_(file)
 void SampleQueue::clear()
 {
     count_ = 0;
+    head_ = 0;
     std::memset(static_cast<void*>(slots_), 0, sizeof slots_);
     carriedPupil_[0] = carriedPupil_[1] = kCarriedPupilStart;
 }
 
 void SampleQueue::shiftQueue()
 {
-    int kept = std::max(count_ - kShiftBy, 0);
-    if (kept > 0)
-        std::memmove(static_cast<void*>(&slots_[0]), &slots_[kShiftBy], size_t(kept) * sizeof(Slot));
-    std::memset(static_cast<void*>(&slots_[kept]), 0, size_t(kSlots - kept) * sizeof(Slot));
-    count_ = kept;
+    // The oldest entries leave by moving the ring's start past them; their
+    // slots, now the last ones, are emptied as every slot past the entries
+    // in use is.
+    for (int i = 0; i < std::min(count_, kShiftBy); ++i)
+        std::memset(static_cast<void*>(&at(i)), 0, sizeof(Slot));
+    head_ = (head_ + kShiftBy) & kSlotMask;
+    count_ = std::max(count_ - kShiftBy, 0);
 }
 
 int SampleQueue::addSample(Sample* s, unsigned long long key)
 {
-    if (count_ > 0 && key <= slots_[count_ - 1].key)
+    if (count_ > 0 && key <= at(count_ - 1).key)
         return 0;
     // A sample without pupil sizes takes the latest ones seen.
     if (s->fs.flags & kPupilGroup) {
@@ -289,8 +292,9 @@ int SampleQueue::addSample(Sample* s, unsigned long long key)
     // caller inside the array.
     if (count_ >= kSlots)
         return 0;
-    slots_[count_].sample = *s;
-    slots_[count_].key = key;
+    Slot& slot = at(count_);
+    slot.sample = *s;
+    slot.key = key;
     ++count_;
     return 0;
 }
@@ -299,14 +303,14 @@ bool SampleQueue::isOutOfBoundsToAdd(unsigned long long key) const
 {
     if (count_ == 0)
         return false;
-    const unsigned long long last = slots_[count_ - 1].key;
-    if (key < slots_[0].key)
+    const unsigned long long last = at(count_ - 1).key;
+    if (key < at(0).key)
         return true;
     if (key <= last)
         return false;
     if (count_ < 3)
         return true;
-    uint32_t d = spanStep(slots_[0].key, slots_[1].key, slots_[count_ - 2].key, last);
+    uint32_t d = spanStep(at(0).key, at(1).key, at(count_ - 2).key, last);
     return key > last + d;
 }
 
@@ -317,8 +321,8 @@ Sample* SampleQueue::getOldSample(unsigned long long key, int* pos)
     if (count_ == 0)
         return nullptr;
     const int lastSlot = count_ - 1;
-    const unsigned long long first = slots_[0].key;
-    const unsigned long long last = slots_[lastSlot].key;
+    const unsigned long long first = at(0).key;
+    const unsigned long long last = at(lastSlot).key;
     int found = -1;
     if (key == first) {
         found = 0;
@@ -327,7 +331,7 @@ Sample* SampleQueue::getOldSample(unsigned long long key, int* pos)
     } else if (key <= first || key >= last || count_ < 3) {
         return nullptr;
     } else {
-        const int shift = stepShift(spanStep(first, slots_[1].key, slots_[lastSlot - 1].key, last));
+        const int shift = stepShift(spanStep(first, at(1).key, at(lastSlot - 1).key, last));
         if (shift < 0)
             return nullptr;
         // From the front, as if there were no gap.
@@ -335,14 +339,14 @@ Sample* SampleQueue::getOldSample(unsigned long long key, int* pos)
         // From the back, as if there were no gap after the key.
         const unsigned long long fromEnd = (last - key) >> shift;
         // From the back by the last step.
-        const unsigned long long lastStep = last - slots_[lastSlot - 1].key;
-        if (i < unsigned(kSlots) && slots_[i].key == key) {
+        const unsigned long long lastStep = last - at(lastSlot - 1).key;
+        if (i < unsigned(kSlots) && at(int(i)).key == key) {
             found = int(i);
-        } else if (fromEnd <= unsigned(lastSlot) && slots_[lastSlot - int(fromEnd)].key == key) {
+        } else if (fromEnd <= unsigned(lastSlot) && at(lastSlot - int(fromEnd)).key == key) {
             found = lastSlot - int(fromEnd);
         } else if (lastStep != 0) {
             const unsigned long long back = (last - key) / lastStep;
-            if (back <= unsigned(lastSlot) && slots_[lastSlot - int(back)].key == key)
+            if (back <= unsigned(lastSlot) && at(lastSlot - int(back)).key == key)
                 found = lastSlot - int(back);
         }
         if (found < 0)
@@ -350,7 +354,7 @@ Sample* SampleQueue::getOldSample(unsigned long long key, int* pos)
     }
     if (pos)
         *pos = found;
-    return &slots_[found].sample;
+    return &at(found).sample;
 }
 
 Sample* SampleQueue::getOldSampleSlow(unsigned long long key, int* pos)
@@ -358,10 +362,10 @@ Sample* SampleQueue::getOldSampleSlow(unsigned long long key, int* pos)
     if (pos)
         *pos = -1;
     for (int i = 0; i < count_; ++i) {
-        if (slots_[i].key == key) {
+        if (at(i).key == key) {
             if (pos)
                 *pos = i;
-            return &slots_[i].sample;
+            return &at(i).sample;
         }
     }
     return nullptr;
@@ -383,7 +387,7 @@ Sample* SampleQueue::getSample(int itemIndex)
     }
     if (p)
         return p;
-    if (count_ > 0 && slots_[0].key <= key && key <= slots_[count_ - 1].key)
+    if (count_ > 0 && at(0).key <= key && key <= at(count_ - 1).key)
         return getOldSampleSlow(key);
 
     file_->batchReadSample(itemIndex);
@@ -405,10 +409,10 @@ int SampleQueue::slotOf(const Sample* s) const
     if (!s || at < base)
         return -1;
     const uintptr_t offset = at - base;
-    if (offset % sizeof(Slot) != 0)
+    if (offset % sizeof(Slot) != 0 || offset / sizeof(Slot) >= uintptr_t(kSlots))
         return -1;
-    const uintptr_t slot = offset / sizeof(Slot);
-    return slot < uintptr_t(count_) ? int(slot) : -1;
+    const int slot = (int(offset / sizeof(Slot)) - head_) & kSlotMask;
+    return slot < count_ ? slot : -1;
 }
 
 // ---------------------------------------------------------------------------
@@ -419,7 +423,7 @@ int SampleQueue::setVelocity(Sample* s, int rate)
     const int slot = slotOf(s);
     if (slot < 0)
         return 0;
-    const unsigned long long key = slots_[slot].key;
+    const unsigned long long key = at(slot).key;
     const bool highSpeed = file_ && file_->trackerModel >= 3;
     const int h = filterHalfWidth(highSpeed, float(rate));
 

@@ -1,5 +1,6 @@
 // The span of up to 512 decoded samples around the current one, from which
-// samples are handed out and velocities computed.
+// samples are handed out and velocities computed.  The slots form a ring:
+// dropping the oldest entries moves its start instead of the entries.
 #ifndef ORBAPI_SAMPLEQUEUE_H
 #define ORBAPI_SAMPLEQUEUE_H
 
@@ -46,7 +47,8 @@ public:
     int slotOf(const Sample* s) const;
 
     int size() const { return count_; }
-    unsigned long long keyAt(int slot) const { return slots_[slot].key; }
+    // Slot numbers count from the oldest entry.
+    unsigned long long keyAt(int slot) const { return at(slot).key; }
 
 private:
     struct Slot {
@@ -54,7 +56,15 @@ private:
         unsigned long long key;
     };
 
+    static constexpr int kSlotMask = kSlots - 1;
+    static_assert((kSlots & kSlotMask) == 0, "a ring of a power of two");
+
+    // Slot i of the ring, counted from its start.
+    Slot& at(int i) { return slots_[(head_ + i) & kSlotMask]; }
+    const Slot& at(int i) const { return slots_[(head_ + i) & kSlotMask]; }
+
     int count_ = 0;
+    int head_ = 0; // the array index of slot 0
     Slot slots_[kSlots];
     ORBFile* file_;
     float carriedPupil_[2];
