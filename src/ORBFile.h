@@ -1,12 +1,15 @@
-// One open recording: the stream, the facts of its preamble, the decoder
-// state, the time-ordered item index and the cursor that walks it.
+// One open recording: the item stream and its decoders (ItemDecoder), the
+// time-ordered item index (ItemIndex), the sample queue, and the cursor that
+// walks them.
 //
-// The class is implemented in several units, one concern each:
+// The data flows bytes -> items -> index -> queue -> records:
+//   ItemDecoder.cpp       item framing, sample and event decoding
+//   ItemIndex.cpp         ordering the index, lookup by time
+//   SampleQueue.cpp       decoded samples around the cursor, velocities
+// and the class itself is implemented in several units, one concern each:
 //   ORBFile_open.cpp      construction, preamble, destruction
 //   zipread.cpp           inflating a compressed body
-//   ORBFile_decode.cpp    item framing, sample and event decoding
 //   ORBFile_prescan.cpp   the pre-scan that builds the index
-//   ORBFile_sort.cpp      ordering the index
 //   ORBFile_repair.cpp    consistency repair and time adjustment
 //   ORBFile_batch.cpp     reading runs of samples into the sample queue
 //   ORBFile_access.cpp    reading the current item, positioning
@@ -22,6 +25,8 @@
 #include <vector>
 
 #include "EData.h"
+#include "ItemDecoder.h"
+#include "ItemIndex.h"
 #include "NVIO.h"
 #include "ORBItem.h"
 #include "Sample.h"
@@ -42,7 +47,7 @@ int do_uncompress(FILE* source, FILE* destination);
 // `item`: blink repairs and the half-millisecond flag applied.
 void finishSample(FSAMPLE& fs, const ORBItem& item);
 
-class ORBFile {
+class ORBFile final : public ItemDecoder, public ItemIndex, public SampleSource {
 public:
     // Opens path.  options: bits 0-1 consistency mode, bit 2 tolerant
     // pre-scan, bit 3 time adjustment off.  Throws ORBException.
@@ -56,22 +61,9 @@ public:
     int readPreamble();
     int getPreamble(char* buffer, int size);
     int get_combfile_preamble_text(char* line, int size);
-    // -1 not open, 1 stream at end of file, 0 ready, 2 still in the preamble.
-    int combfile_status() const;
 
-    // ---- decoding (ORBFile_decode.cpp) ---------------------------------
-    // Reads the next tag: 1 sample (or end of file), 0 event, -1 no item,
-    // 2 preamble incomplete.
-    int next_combfile_item(unsigned short* type);
-    int read_combfile_sample_noexcept(Sample* sample, unsigned int expectedTime);
-    int read_combfile_sample(Sample* sample, unsigned int expectedTime, int catchErrors);
-    int read_combfile_event_noexcept(EData* event);
-    int read_combfile_event(EData* event, int catchErrors);
-    float get_prescaled_word(float divisor);
-
-    // ---- index (ORBFile_prescan.cpp, ORBFile_sort.cpp) -----------------
+    // ---- index (ORBFile_prescan.cpp) -----------------------------------
     void preScan(int tolerant);
-    void sortItems();
 
     // ---- repair (ORBFile_repair.cpp) -----------------------------------
     int checkConsistency();
@@ -84,6 +76,12 @@ public:
 
     // ---- samples (ORBFile_batch.cpp) -----------------------------------
     int batchReadSample(int itemIndex);
+
+    // ---- the queue's source ---------------------------------------------
+    size_t entryCount() const override { return items.size(); }
+    unsigned long long entryKey(int index) const override { return items[size_t(index)].key(); }
+    void readSamples(int index) override { batchReadSample(index); }
+    bool highSpeedFilter() const override { return trackerModel >= 3; }
 
     // ---- access (ORBFile_access.cpp) -----------------------------------
     // The advance of the function interface: the code of the next item, or
@@ -98,7 +96,6 @@ public:
     ALLF_DATA* getFloatData();
     void resetPosition(const ORBItem* item);
     int gotoIndex(int index);
-    int findIndex(unsigned int key, int low, int high) const;
     ALLF_DATA* getSampleCloseToTime(unsigned int key);
     void initEventPairArray(int eye);
     void initFixationPairArray(int eye);
@@ -123,37 +120,9 @@ public:
 
     // ---- state shared by the units above --------------------------------
 
-    // Stream and preamble.
-    std::unique_ptr<InputStream> stream;
+    // Preamble text.
     std::unique_ptr<char[]> preambleText; // null when none was read
     int preambleLength = 0;
-    int16_t itemReadingEnabled = 1;
-    int16_t isOpen = 0;
-    int16_t preambleComplete = 0;
-    uint16_t trackerRevision = 0; // VERSION line; 0 read as 1
-    uint16_t trackerModel = 1;    // 1 default, 2 MK, 3 HQ
-
-    // Decoder state: scale values, rate and recording words set by block
-    // starts; times kept by the sample decoder.
-    float gazeDivisor = 1.0f;  // divisor of gaze and resolution words
-    float secondScale = 10.0f; // scale of pupil values in events
-    float thirdScale = 1.0f;
-    float fourthScale = 1.0f;
-    uint32_t lastSampleTime = 0;
-    uint32_t earliestSampleTime = 0;
-    uint32_t latestSampleTime = 0;
-    float sampleRate = 250.0f;
-    int16_t recordingState = 1;
-    int16_t modeValue = 0;   // high byte of the block's mode word
-    int16_t levelValue = 0;  // its middle four bits: the filter level
-    int16_t lowModeValue = 0; // its low four bits
-    uint16_t currentSampleFlags = 0; // non-zero while a sample block runs
-    uint16_t eventBlockWord = 0;
-    uint16_t eventBlockWord2 = 0;
-    ORB_MESSAGE message{};     // shared by every message of this file
-    uint16_t pendingTag = 0;   // tag read but not yet consumed
-    uint16_t sampleFlagWord = 0; // flag word of the sample being decoded
-    int16_t eventEye = 0;        // eye of the event being decoded
 
     // Options.
     int consistencyMode = 0;
@@ -163,9 +132,7 @@ public:
     bool loadEvents = true;
     bool loadSamples = true;
 
-    // Index and blocks.
-    std::vector<ORBItem> items;
-    std::vector<std::unique_ptr<Recording>> recordings;
+    // Samples around the cursor.
     std::unique_ptr<SampleQueue> queue;
 
     // Cursor and the record handed out.

@@ -157,12 +157,3 @@ int ORBFile::get_combfile_preamble_text(char* line, int size)
     }
     return 0;
 }
-
-int ORBFile::combfile_status() const
-{
-    if (!isOpen || !stream)
-        return -1;
-    if (stream->eof())
-        return 1;
-    return preambleComplete ? 0 : 2;
-}

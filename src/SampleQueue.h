@@ -4,17 +4,31 @@
 #ifndef ORBAPI_SAMPLEQUEUE_H
 #define ORBAPI_SAMPLEQUEUE_H
 
+#include <cstddef>
 #include <cstdint>
 
 #include "Sample.h"
 
-class ORBFile;
+// What the queue reads from: the time keys of the index entries, runs of
+// samples read into the queue, and the filter model of the tracker.
+class SampleSource {
+public:
+    virtual size_t entryCount() const = 0;
+    virtual unsigned long long entryKey(int index) const = 0;
+    // Reads the run of samples that starts at index entry `index` into the
+    // queue.
+    virtual void readSamples(int index) = 0;
+    virtual bool highSpeedFilter() const = 0;
+
+protected:
+    ~SampleSource() = default;
+};
 
 class SampleQueue {
 public:
     static constexpr int kSlots = 512;
 
-    explicit SampleQueue(ORBFile* file);
+    explicit SampleQueue(SampleSource* source);
 
     // Empties the queue and resets the carried pupil sizes.
     void clear();
@@ -66,7 +80,7 @@ private:
     int count_ = 0;
     int head_ = 0; // the array index of slot 0
     Slot slots_[kSlots];
-    ORBFile* file_;
+    SampleSource* source_;
     float carriedPupil_[2];
 };
 

@@ -1,9 +1,9 @@
-// Ordering the item index: the classification of an entry, the order of
-// two entries, and the sort of the whole index.
+// The item index: the classification of an entry, the order of two
+// entries, the sort of the whole index, and the lookup of a sample by time.
 #include <algorithm>
 
 #include "ItemSort.h"
-#include "ORBFile.h"
+#include "ItemIndex.h"
 
 namespace {
 
@@ -114,7 +114,7 @@ bool sortByTime(ORBItem a, ORBItem b)
     return byFileOrder && a.position <= b.position;
 }
 
-void ORBFile::sortItems()
+void ItemIndex::sortItems()
 {
     ORBItem* const data = items.data();
     const size_t n = items.size();
@@ -136,4 +136,42 @@ void ORBFile::sortItems()
         first = last - kStretchOverlap;
         last = std::min(last + kStretchAdvance, n);
     }
+}
+
+int ItemIndex::findIndex(unsigned int key, int low, int high) const
+{
+    const long long count = static_cast<long long>(items.size());
+    // Entries outside the index match nothing and bound the search from
+    // above.
+    auto inside = [&](long long i) { return i >= 0 && i < count; };
+    auto matches = [&](long long i) { return inside(i) && items[size_t(i)].key() == key; };
+    auto isSample = [&](long long i) { return inside(i) && items[size_t(i)].isSample(); };
+
+    long long lo = low;
+    long long hi = high;
+    if (hi < lo)
+        return -1;
+    while (hi - lo >= 2) {
+        const long long mid = lo + (hi - lo) / 2;
+        if (matches(mid) && isSample(mid))
+            return int(mid);
+        const unsigned long long midKey = inside(mid) ? items[size_t(mid)].key() : ~0ull;
+        if ((midKey >> 32) == 0 && key >= uint32_t(midKey))
+            lo = mid;
+        else
+            hi = mid;
+        if (hi < lo)
+            return -1;
+    }
+    if (matches(lo)) {
+        if (matches(hi)) {
+            if (isSample(lo))
+                return int(lo);
+            return isSample(hi) ? int(hi) : -1;
+        }
+        return isSample(lo) ? int(lo) : -1;
+    }
+    if (matches(hi) && isSample(hi))
+        return int(hi);
+    return -1;
 }

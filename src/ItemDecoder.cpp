@@ -11,7 +11,7 @@
 #include <cstring>
 
 #include "ORBException.h"
-#include "ORBFile.h"
+#include "ItemDecoder.h"
 #include "log.h"
 
 namespace {
@@ -83,7 +83,7 @@ inline int truncated(float v)
 
 // combfile_status() == 0, without the call: open, not at end of file, past
 // the preamble.
-inline bool ready(const ORBFile& f)
+inline bool ready(const ItemDecoder& f)
 {
     return f.isOpen && f.stream && !f.stream->eof() && f.preambleComplete;
 }
@@ -113,7 +113,16 @@ inline void skipBlockList(InputStream& in)
 // ---------------------------------------------------------------------------
 // Framing
 
-int ORBFile::next_combfile_item(unsigned short* type)
+int ItemDecoder::combfile_status() const
+{
+    if (!isOpen || !stream)
+        return -1;
+    if (stream->eof())
+        return 1;
+    return preambleComplete ? 0 : 2;
+}
+
+int ItemDecoder::next_combfile_item(unsigned short* type)
 {
     if (!itemReadingEnabled || !isOpen || !stream)
         return -1;
@@ -135,7 +144,7 @@ int ORBFile::next_combfile_item(unsigned short* type)
     return 0;
 }
 
-float ORBFile::get_prescaled_word(float divisor)
+float ItemDecoder::get_prescaled_word(float divisor)
 {
     return scaledWord(*stream, divisor);
 }
@@ -143,7 +152,7 @@ float ORBFile::get_prescaled_word(float divisor)
 // ---------------------------------------------------------------------------
 // Samples
 
-int ORBFile::read_combfile_sample_noexcept(Sample* sample, unsigned int expectedTime)
+int ItemDecoder::read_combfile_sample_noexcept(Sample* sample, unsigned int expectedTime)
 {
     if (!sample || !ready(*this) || !itemReadingEnabled)
         return -1;
@@ -253,7 +262,7 @@ int ORBFile::read_combfile_sample_noexcept(Sample* sample, unsigned int expected
     return 0;
 }
 
-int ORBFile::read_combfile_sample(Sample* sample, unsigned int expectedTime, int catchErrors)
+int ItemDecoder::read_combfile_sample(Sample* sample, unsigned int expectedTime, int catchErrors)
 {
     if (!catchErrors)
         return read_combfile_sample_noexcept(sample, expectedTime);
@@ -268,7 +277,7 @@ int ORBFile::read_combfile_sample(Sample* sample, unsigned int expectedTime, int
 // ---------------------------------------------------------------------------
 // Events
 
-int ORBFile::read_combfile_event_noexcept(EData* event)
+int ItemDecoder::read_combfile_event_noexcept(EData* event)
 {
     int status = combfile_status();
     if (status != 0) {
@@ -522,7 +531,7 @@ int ORBFile::read_combfile_event_noexcept(EData* event)
     return 0;
 }
 
-int ORBFile::read_combfile_event(EData* event, int catchErrors)
+int ItemDecoder::read_combfile_event(EData* event, int catchErrors)
 {
     if (!catchErrors)
         return read_combfile_event_noexcept(event);
