@@ -105,13 +105,15 @@ public:
     // The underlying file, positioned where the stream's reads have got to.
     FILE* getRawFile();
 
-private:
+protected:
     static constexpr size_t kBufferSize = 256 * 1024;
 
     // Refills the window from the file; false at end of file or on error.
-    bool refill();
+    virtual bool refill();
     // File offset of the next byte the window hands out.
     long offset() const { return bufferStart_ + (cur_ - buffer_.get()); }
+
+private:
 
     FILE* file_ = nullptr;
     std::unique_ptr<unsigned char[]> buffer_;

@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <atomic>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -42,6 +43,9 @@ enum class ContainerForm { Plain, Compressed };
 // Inflates the zlib stream that starts at source's position into
 // destination.  Returns 0 when the stream ended, else a negative zlib code.
 int do_uncompress(FILE* source, FILE* destination);
+// The same, handing each inflated piece to sink; a sink that returns false
+// stops it (Z_ERRNO).
+int inflateInto(FILE* source, const std::function<bool(const unsigned char*, size_t)>& sink);
 
 // What the cursor hands out for a copy of a queued sample of index entry
 // `item`: blink repairs and the half-millisecond flag applied.

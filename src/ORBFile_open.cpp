@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "InflatingStream.h"
 #include "ORBException.h"
 #include "ORBFile.h"
 #include "log.h"
@@ -56,14 +57,10 @@ ORBFile::ORBFile(const char* path, int options, bool loadEvents_, bool loadSampl
     ContainerForm form = readMagic();
     readPreamble();
     if (form == ContainerForm::Compressed) {
-        FILE* inflated = std::tmpfile();
-        if (!inflated)
-            throw ORBException("Failed to create temp file \n");
         // A damaged body is not an error here: what inflated becomes the
         // item stream, and the readers meet its end as end of file.
-        do_uncompress(static_cast<FileInputStream&>(*stream).getRawFile(), inflated);
-        stream.reset();
-        stream = std::make_unique<FileInputStream>(inflated);
+        std::unique_ptr<FileInputStream> source(static_cast<FileInputStream*>(stream.release()));
+        stream = InflatingStream::open(std::move(source));
     }
 
     preScan(tolerantScan ? 4 : 0);

@@ -15,6 +15,7 @@
 #include <memory>
 #include <new>
 
+#include "InflatingStream.h"
 #include "ORBException.h"
 #include "ORBFile.h"
 #include "log.h"
@@ -130,9 +131,12 @@ void PreScanner::reserveIndex()
     if (!fileStream)
         return;
     struct stat st;
-    if (fstat(fileno(fileStream->getRawFile()), &st) != 0 || st.st_size <= 0)
+    if (auto* inflating = dynamic_cast<InflatingStream*>(fileStream))
+        streamBytes_ = inflating->expectedBytes(); // the body is still growing
+    else if (fstat(fileno(fileStream->getRawFile()), &st) == 0 && st.st_size > 0)
+        streamBytes_ = uint64_t(st.st_size);
+    if (streamBytes_ == 0)
         return;
-    streamBytes_ = uint64_t(st.st_size);
     int32_t at = f_.stream->position();
     uint64_t remaining = streamBytes_ > uint64_t(std::max(at, 0)) ? streamBytes_ - uint64_t(at) : 0;
     uint64_t estimate = std::min(remaining / kBytesPerEntryGuess + 256, kMaxReservedEntries);

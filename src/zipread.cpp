@@ -1,9 +1,9 @@
-// Inflating the body of a compressed container into a file.
+// Inflating the body of a compressed container.
 #include <zlib.h>
 
 #include "ORBFile.h"
 
-int do_uncompress(FILE* source, FILE* destination)
+int inflateInto(FILE* source, const std::function<bool(const unsigned char*, size_t)>& sink)
 {
     constexpr unsigned kChunk = 16384;
     unsigned char in[kChunk];
@@ -38,8 +38,7 @@ int do_uncompress(FILE* source, FILE* destination)
             default:
                 break;
             }
-            size_t have = kChunk - strm.avail_out;
-            if (std::fwrite(out, 1, have, destination) != have || std::ferror(destination)) {
+            if (!sink(out, kChunk - strm.avail_out)) {
                 inflateEnd(&strm);
                 return Z_ERRNO;
             }
@@ -48,4 +47,11 @@ int do_uncompress(FILE* source, FILE* destination)
 
     inflateEnd(&strm);
     return ret == Z_STREAM_END ? Z_OK : Z_DATA_ERROR;
+}
+
+int do_uncompress(FILE* source, FILE* destination)
+{
+    return inflateInto(source, [destination](const unsigned char* data, size_t n) {
+        return std::fwrite(data, 1, n, destination) == n && !std::ferror(destination);
+    });
 }

@@ -1,0 +1,47 @@
+// The item stream of a compressed container: the body is inflated on a
+// thread of its own into a private temporary file, and the stream reads
+// that file as far as the thread has got, so that inflating and scanning
+// overlap.  Once the body is inflated the stream is a plain file stream
+// over it; what a damaged body yields before its fault is the stream.
+#ifndef ORBAPI_INFLATINGSTREAM_H
+#define ORBAPI_INFLATINGSTREAM_H
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "NVIO.h"
+
+class InflatingStream : public FileInputStream {
+public:
+    // Takes over `source`, whose reads stand at the start of the compressed
+    // body, and starts inflating it.  Throws ORBException("Failed to create
+    // temp file \n") when no temporary file can be made.
+    static std::unique_ptr<InflatingStream> open(std::unique_ptr<FileInputStream> source);
+    ~InflatingStream() override;
+
+    // A generous guess of the inflated size, from the compressed size.
+    uint64_t expectedBytes() const { return expectedBytes_; }
+
+private:
+    InflatingStream(FILE* reader, int writer, std::unique_ptr<FileInputStream> source);
+
+    // Waits until the window can be filled whole, or the body is done.
+    bool refill() override;
+    void produce();
+
+    std::unique_ptr<FileInputStream> source_;
+    const int writer_;
+    uint64_t expectedBytes_ = 0;
+    std::mutex mutex_;
+    std::condition_variable ready_;
+    uint64_t produced_ = 0; // bytes written to the temporary file
+    bool done_ = false;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+#endif
