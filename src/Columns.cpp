@@ -3,6 +3,7 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <new>
 
@@ -21,10 +22,10 @@ size_t typeSize(int type)
     }
 }
 
-void Table::add(std::string name, int type, Source source, size_t offset)
+void Table::add(const char* name, const char* suffix, int type, Source source, size_t offset)
 {
     Column c;
-    c.name = std::move(name);
+    c.name.append(name).append(suffix);
     c.type = type;
     c.source = source;
     c.offset = uint16_t(offset);
@@ -32,11 +33,11 @@ void Table::add(std::string name, int type, Source source, size_t offset)
     columns_.push_back(std::move(c));
 }
 
-void Table::addPair(const std::string& name, int type, Source source, size_t offset)
+void Table::addPair(const char* name, int type, Source source, size_t offset)
 {
     const size_t size = typeSize(type);
-    add(name + "_left", type, source, offset);
-    add(name + "_right", type, source, offset + size);
+    add(name, "_left", type, source, offset);
+    add(name, "_right", type, source, offset + size);
 }
 
 namespace {
@@ -90,14 +91,16 @@ void Table::allocate(size_t capacity)
     for (const Column& c : columns_)
         total += span(c);
     storage_ = Storage(total);
-    for (std::vector<Copy>& copies : copies_)
-        copies.clear();
+    groups_.clear();
     unsigned char* at = storage_.data();
     for (Column& c : columns_) {
         c.data = capacity ? at : nullptr;
         at += span(c);
-        const int group = c.size == 1 ? 0 : c.size == 2 ? 1 : c.size == 4 ? 2 : 3;
-        copies_[group].push_back(Copy{c.data, c.offset, c.source});
+        auto g = std::find_if(groups_.begin(), groups_.end(),
+                              [&](const Group& x) { return x.source == c.source && x.size == c.size; });
+        if (g == groups_.end())
+            g = groups_.insert(groups_.end(), Group{c.source, c.size, {}});
+        g->copies.push_back(Copy{c.data, c.offset});
     }
     capacity_ = capacity;
     rows_ = 0;
@@ -164,8 +167,10 @@ void layoutSamples(Table& t, int flags)
         PAIR(t, "fast_raw_vel_x", F32, S, FSAMPLE, fastRawVelX);
         PAIR(t, "fast_raw_vel_y", F32, S, FSAMPLE, fastRawVelY);
     }
-    for (int i = 0; i < 8; ++i)
-        t.add("extra_data_" + std::to_string(i), U16, S, offsetof(FSAMPLE, extraData) + 2 * size_t(i));
+    const char* const extra[8] = {"extra_data_0", "extra_data_1", "extra_data_2", "extra_data_3",
+                                  "extra_data_4", "extra_data_5", "extra_data_6", "extra_data_7"};
+    for (size_t i = 0; i < 8; ++i)
+        t.add(extra[i], U16, S, offsetof(FSAMPLE, extraData) + 2 * i);
     ONE(t, "flags", U16, S, FSAMPLE, flags);
     ONE(t, "input", U16, S, FSAMPLE, input);
     ONE(t, "buttons", U16, S, FSAMPLE, buttons);

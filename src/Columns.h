@@ -107,10 +107,12 @@ private:
 
 class Table {
 public:
-    // Adds a column copying the member at `offset` of `source`.
-    void add(std::string name, int type, Source source, size_t offset);
+    // Adds the column name+suffix copying the member at `offset` of
+    // `source`.
+    void add(const char* name, const char* suffix, int type, Source source, size_t offset);
+    void add(const char* name, int type, Source source, size_t offset) { add(name, "", type, source, offset); }
     // Adds the [0] and [1] of an eye pair as name_left and name_right.
-    void addPair(const std::string& name, int type, Source source, size_t offset);
+    void addPair(const char* name, int type, Source source, size_t offset);
 
     // Allocates every column for `capacity` rows.  Throws std::bad_alloc.
     void allocate(size_t capacity);
@@ -118,10 +120,15 @@ public:
     // may be null).  At most the allocated capacity.
     void append(const void* const* sources)
     {
-        copy<4>(copies_[2], sources);
-        copy<2>(copies_[1], sources);
-        copy<1>(copies_[0], sources);
-        copy<8>(copies_[3], sources);
+        for (const Group& g : groups_) {
+            const unsigned char* from = static_cast<const unsigned char*>(sources[g.source]);
+            switch (g.size) {
+            case 4: copy<4>(g, from); break;
+            case 2: copy<2>(g, from); break;
+            case 1: copy<1>(g, from); break;
+            default: copy<8>(g, from); break;
+            }
+        }
         ++rows_;
     }
 
@@ -135,20 +142,26 @@ private:
     // One column's copy: its storage, and where its member lies.
     struct Copy {
         unsigned char* to;
-        uint32_t offset;
+        size_t offset;
+    };
+    // The copies of the columns of one source and element size.
+    struct Group {
         Source source;
+        size_t size;
+        std::vector<Copy> copies;
     };
 
     template <size_t N>
-    void copy(const std::vector<Copy>& copies, const void* const* sources)
+    void copy(const Group& g, const unsigned char* from)
     {
-        for (const Copy& c : copies)
-            __builtin_memcpy(c.to + rows_ * N, static_cast<const unsigned char*>(sources[c.source]) + c.offset, N);
+        const size_t at = rows_ * N;
+        for (const Copy& c : g.copies)
+            __builtin_memcpy(c.to + at, from + c.offset, N);
     }
 
     std::vector<Column> columns_;
     Storage storage_;
-    std::vector<Copy> copies_[4]; // by element size 1, 2, 4, 8
+    std::vector<Group> groups_;
     size_t rows_ = 0;
     size_t capacity_ = 0;
 };

@@ -22,7 +22,8 @@ std::unique_ptr<InflatingStream> InflatingStream::open(std::unique_ptr<FileInput
     // Two descriptions of one unnamed file: the thread writes through one,
     // the stream reads through the other, each at its own offset.
     const char* dir = std::getenv("TMPDIR");
-    std::string path = std::string(dir && *dir ? dir : "/tmp") + "/orbapi-XXXXXX";
+    std::string path;
+    path.append(dir && *dir ? dir : "/tmp").append("/orbapi-XXXXXX");
     const int writer = mkstemp(&path[0]);
     const int reader = writer >= 0 ? ::open(path.c_str(), O_RDONLY) : -1;
     if (writer >= 0)

@@ -209,7 +209,7 @@ void ColumnReader::walk()
             const ORBItem& item = f_.items[index];
             if (d->rec.state == 1) {
                 block = nextBlock++;
-                blockOf_[item.rec] = block;
+                blockOf_.emplace(item.rec, block);
             }
             place.block = block;
             place.trial = -1;
@@ -269,8 +269,10 @@ ORB_COLUMNS* readColumns(const char* path, int consistency, int loadevents, int 
         if (!path)
             throw ORBException("File Could not be opened!");
         ORBFile f(path, consistency, loadevents != 0, loadsamples != 0);
-        const std::string startId = trialStart ? trialStart : "TRIALID";
-        const std::string endId = trialEnd ? trialEnd : "";
+        // The identifiers are the caller's only during the call.
+        std::string startId, endId;
+        startId.append(trialStart ? trialStart : "TRIALID");
+        endId.append(trialEnd ? trialEnd : "");
         f.trialStartId = startId.c_str();
         f.trialEndId = trialEnd ? endId.c_str() : nullptr;
         f.collectTrials();
@@ -314,7 +316,8 @@ ORB_COLUMNS* orb_read_columns_memory(const void* data, size_t size, int consiste
 {
     // The bytes go through a private temporary file.
     const char* dir = std::getenv("TMPDIR");
-    std::string path = std::string(dir && *dir ? dir : "/tmp") + "/orbapi-XXXXXX";
+    std::string path;
+    path.append(dir && *dir ? dir : "/tmp").append("/orbapi-XXXXXX");
     int fd = mkstemp(&path[0]);
     bool written = fd >= 0 && (size == 0 || data);
     for (size_t done = 0; written && done < size;) {
