@@ -42,7 +42,7 @@ void Table::addPair(const char* name, int type, Source source, size_t offset)
 
 namespace {
 
-// Mapped blocks from this size on; huge pages are 2 MiB.
+// Mapped blocks from this size on.
 constexpr size_t kMapFrom = size_t(4) << 20;
 constexpr size_t kColumnAlign = 64;
 
@@ -51,10 +51,11 @@ constexpr size_t kColumnAlign = 64;
 Storage::Storage(size_t bytes) : bytes_(bytes)
 {
     if (bytes >= kMapFrom) {
-        void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        // Every row will be written: the pages are made present in one go
+        // rather than faulted in one at a time.
+        void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
         if (p == MAP_FAILED)
             throw std::bad_alloc();
-        madvise(p, bytes, MADV_HUGEPAGE); // a hint; without it small pages serve
         data_ = static_cast<unsigned char*>(p);
         mapped_ = true;
     } else if (bytes > 0) {

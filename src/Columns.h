@@ -81,8 +81,8 @@ struct Column {
     unsigned char* data = nullptr; // in the table's storage
 };
 
-// The storage of a table's columns: one block, backed by huge pages where
-// the system offers them, so that filling it costs few page faults.
+// The storage of a table's columns: one block, its pages made present when
+// it is allocated, so that filling it costs no page faults.
 class Storage {
 public:
     Storage() = default;
