@@ -13,6 +13,7 @@
 #include <nanobind/stl/pair.h>
 #include <nanobind/stl/vector.h>
 
+#include <cctype>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -26,8 +27,6 @@
 
 // TEMPORARY until the columnar reader is merged: weak references, checked at
 // run time.
-#pragma weak orb_open_memory
-#pragma weak orb_get_last_error
 #pragma weak orb_read_columns
 #pragma weak orb_read_columns_memory
 #pragma weak orb_free_columns
@@ -59,7 +58,7 @@ void emitLines(const std::vector<std::string>& lines)
     nb::object logger = nb::module_::import_("logging").attr("getLogger")("orbapi");
     for (const std::string& line : lines) {
         std::string text = line;
-        while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
+        while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back())))
             text.pop_back();
         logger.attr("warning")("%s", nb::str(text.data(), text.size()));
     }
@@ -472,7 +471,6 @@ public:
             if (path) {
                 file.assign(path->c_str(), path->size());
             } else {
-                if (!&orb_open_memory) throw std::runtime_error("this build cannot open from memory yet");
                 Buffer b(data);
                 const char* p = static_cast<const char*>(b.data());
                 memory_.assign(p, p + b.size());
@@ -483,7 +481,8 @@ public:
             if (f_ && (trialStart || trialEnd))
                 orb_set_trial_identifier(f_, trialStart_.data(), trialEnd_ ? trialEnd_->data() : nullptr);
         }
-        std::string reason = f_ ? std::string() : log.text();
+        std::string reason = f_ ? std::string() : std::string(orb_get_last_error());
+        if (!f_ && reason.empty()) reason = log.text();
         log.emit();
         if (!f_)
             throw OrbFailure{trimmed(reason)};
