@@ -186,8 +186,11 @@ class Recording:
         if len(starts["time"]):
             first = {"sample_rate": float(starts["sample_rate"][0]),
                      "eyes": _EYES.get(int(starts["eyes"][0]))}
-        times = [a for a in (samples.get("time"), allevents["time"], blocks["time"]) if len(a)]
-        duration = (max(float(a[-1]) for a in times) - min(float(a[0]) for a in times)) if times else 0.0
+        # Event items keep their times in start_time and end_time.
+        firsts = [a for a in (samples.get("time"), blocks["time"], allevents["start_time"]) if len(a)]
+        lasts = firsts + [a for a in (allevents["end_time"],) if len(a)]
+        duration = (max(float(a.max()) for a in lasts) - min(float(a.min()) for a in firsts)) \
+            if firsts else 0.0
         info = {
             "revision": cols.revision,
             "oculant_revision": cols.oculant_revision,
