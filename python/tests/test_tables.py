@@ -2,11 +2,27 @@
 C cursor, for recordings of every rate, eye, filter model and container."""
 from __future__ import annotations
 
+from pathlib import Path
+
 import numpy as np
 import pytest
 
 import orbapi
+from orbwriter import OrbWriter, add_block, message, typical
 from reference import walk
+
+EXAMPLE = Path(__file__).resolve().parents[2] / "examples" / "example.orb"
+
+
+def two_plain_blocks() -> OrbWriter:
+    """As the C++ tests' recordings: blocks of add_block, messages between samples."""
+    w = OrbWriter()
+    add_block(w, 1000, 60, 500.0, lambda i, t: w.add(message(t, f"TRIALID {i // 20}"))
+              if i % 20 == 0 else None)
+    w.add(message(1200, "between blocks"))
+    add_block(w, 2000, 40, 250.0)
+    return w
+
 
 RECORDINGS = {
     "1000Hz-both": dict(rate=1000),
@@ -15,6 +31,8 @@ RECORDINGS = {
     "250Hz-right-two-blocks": dict(rate=250, eyes="right", trials=4, blocks=2),
     "1000Hz-both-high-speed-no-blinks": dict(rate=1000, high_speed=True, blinks=False),
     "500Hz-both-camera-standard": dict(rate=500, camera=True, trials=2),
+    "plain-blocks": two_plain_blocks,
+    "example": EXAMPLE,
 }
 # Read options and how the cursor is opened for the same items.
 READS = {
@@ -42,15 +60,20 @@ def assert_columns(frame, rows: list[dict], columns) -> None:
 
 @pytest.fixture(scope="module", params=list(RECORDINGS))
 def recording(request, tmp_path_factory):
-    from orbwriter import typical
+    """(path, the typical() options it was made with, or {})."""
+    made = RECORDINGS[request.param]
+    if isinstance(made, Path):
+        return str(made), {"blinks": False}
     path = tmp_path_factory.mktemp("tables") / f"{request.param}.orb"
-    return typical(**RECORDINGS[request.param]).write(path), RECORDINGS[request.param]
+    if callable(made):
+        return made().write(path), {"blinks": False}
+    return typical(**made).write(path), made
 
 
 @pytest.mark.parametrize("how", list(READS))
 def test_every_column_equals_the_cursor_walk(recording, how):
     path, made = recording
-    camera = made.get("camera", False)
+    camera = made.get("camera", True)
     rec = orbapi.read(path, velocities=True, camera=camera, **READS[how])
     ref = walk(path, camera=camera, **READS[how])
 
