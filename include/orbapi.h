@@ -490,9 +490,10 @@ enum {
  * orb_get_element_index before the step onto it).  block: the 0-based
  * number of the block the row lies in, counting block starts (RECORDING
  * items with state 1) in delivery order; a row lies in the latest block
- * start at or before it unless a block end came between; -1 outside every
- * block.  trial: the 0-based trial whose index span holds the row, -1
- * outside every trial. */
+ * start at or before it unless a block end came between (a block end's own
+ * row lies in the block it ends); -1 outside every block.  trial: the
+ * 0-based trial whose index span holds the row (start_index <= index <
+ * end_index; the latest such trial), -1 outside every trial. */
 
 /* Flags of orb_read_columns. */
 #define ORB_COLUMNS_VELOCITIES 0x1 /* add the 24 velocity columns of samples */
