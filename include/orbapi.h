@@ -15,27 +15,93 @@
  *     int code;
  *     while ((code = orb_get_next_data(f)) != NO_MORE_ITEMS) {
  *         ALLF_DATA *d = orb_get_float_data(f);
+ *         if (!d) continue;                   (the item could not be read)
  *         if (code == SAMPLE)         use_sample(&d->fs);
  *         else if (code == RECORDING) use_block(&d->rec);
  *         else                        use_event(&d->fe);
  *     }
  *     orb_close_file(f);
  *
- * Every record pointer handed out points into storage owned by the open file
- * and stays valid until the next call on the same handle.  A handle is used
- * by one thread at a time; different handles may be used from different
- * threads at once.
+ * Ownership and lifetime.  Every record pointer handed out (ALLF_DATA,
+ * FSAMPLE, FEVENT, Recording, the ORB_MESSAGE of a message) points into the
+ * one record buffer of the open file and is overwritten by the next call on
+ * the same handle.  Copy what you keep.  TRIAL.rec points into the file's
+ * index and lives until orb_close_file.  Strings the caller passes in are
+ * kept by pointer where a function says so (orb_set_trial_identifier).
  *
- * All times are milliseconds of the tracker clock.  Missing values:
- * -32768.0 for an absent position, pupil or gaze value, 100000000.0 for an
- * absent scaled value, resolution or velocity, 32768 for an absent 16-bit
- * status, input or extra-data type word, 0 for absent buttons.
+ * Threads.  A handle is used by one thread at a time (any thread, but not two
+ * at once); different handles may be used from different threads at once.
+ * The record casts, orb_get_version and orb_library_version may be called
+ * from any thread at any time.  The log function is process-wide: set it
+ * once, before files are opened; it is then called from every thread that
+ * reads a file.
+ *
+ * NULL.  Unless a function says otherwise, a NULL handle or a NULL pointer
+ * argument is not allowed: the function would crash.  orb_close_file accepts
+ * NULL; the bookmark functions and orb_get_trial_header refuse a NULL
+ * pointer with -1.
+ *
+ * Times are milliseconds of the tracker clock.  Missing values: -32768.0 for
+ * an absent position, pupil or gaze value, 100000000.0 for an absent scaled
+ * value, resolution or velocity, 32768 for an absent 16-bit status, input or
+ * extra-data type word, 0 for absent buttons.
+ *
+ * Traps: what every caller should know
+ * ------------------------------------
+ * 1. Dispatch on the code orb_get_next_data returns, never on the record
+ *    casts.  orb_get_sample, orb_get_event and orb_get_recording look at the
+ *    16-bit word at byte 4 of the record, which is FEVENT.type only for an
+ *    event.  In a sample those bytes belong to rawX[0], in a Recording to
+ *    sampleRate: a sample is often "an event" to orb_get_event and almost
+ *    never "a sample" to orb_get_sample.
+ * 2. The record you were handed belongs to the file and is overwritten by
+ *    the next call on the handle: stepping, reading, moving by trial or to a
+ *    time, counting trials, and the raw pupil and CR accessors too.  The
+ *    first call of a raw pupil or CR accessor on a file (and the first trial
+ *    call) builds the trial list, which reads every message through that
+ *    same buffer.  So pass those accessors a copy of the sample
+ *    (FSAMPLE s = d->fs; orb_get_pupil_cr(f, &s, 0, xy);), never d->fs itself.
+ * 3. Sample and event gaze values, resolutions and scaled values are divided
+ *    by the divisor of the block start the library decoded last.  After a
+ *    jump (trial, bookmark, orb_get_sample_close_to_time) into another
+ *    block, and until stepping passes that block's start, samples are scaled
+ *    with the previous block's divisor.  Likewise the rate accessors
+ *    (orb_get_sample_per_second and its companions) keep the block that
+ *    stepping passed last.  Step from a block start when the blocks differ.
+ * 4. Times handed out may be shifted.  The first record handed out settles
+ *    it: when its time is 200000000 ms or more, that time is subtracted from
+ *    every time of every record handed out from then on (the first record
+ *    itself reads 0); otherwise nothing is shifted.  Bit 3 of `consistency`
+ *    switches this off.  orb_get_sample_close_to_time, the TRIAL times and
+ *    orb_goto_trial_with_start_time / _end_time all use the file's own,
+ *    unshifted times: add the shift back before looking a record's time up
+ *    (or open with bit 3 set).
+ * 5. FEVENT.time and FEVENT.aux0 are never filled by decoding.  aux0 is 0;
+ *    time is 0, or 0 minus the shift of trap 4 when shifting is on.  Use
+ *    startTime and endTime.
+ * 6. After moving (trial, bookmark), the next orb_get_next_data steps onto
+ *    the item moved to; orb_get_float_data called before that step reads the
+ *    item before it.
  */
 #ifndef ORBAPI_H
 #define ORBAPI_H
 
 #include <stdint.h>
 #include <stddef.h>
+
+/* The version of this library (not of the recordings it reads), for
+ * compile-time checks; orb_library_version() gives the version of the
+ * library actually loaded.  The build reads these lines: they are the one
+ * place the version is written. */
+#define ORBAPI_VERSION_MAJOR 1
+#define ORBAPI_VERSION_MINOR 0
+#define ORBAPI_VERSION_PATCH 0
+#define ORBAPI_VERSION_STRING                                              \
+    ORBAPI_STRINGIFY_(ORBAPI_VERSION_MAJOR) "."                            \
+    ORBAPI_STRINGIFY_(ORBAPI_VERSION_MINOR) "."                            \
+    ORBAPI_STRINGIFY_(ORBAPI_VERSION_PATCH) /* "1.0.0" */
+#define ORBAPI_STRINGIFY_(x) ORBAPI_STRINGIFY2_(x)
+#define ORBAPI_STRINGIFY2_(x) #x
 
 #if defined(_WIN32)
 #define ORBAPI_EXPORT __declspec(dllexport)
@@ -120,7 +186,7 @@ typedef struct ORB_MESSAGE {
 
 /* One event, message or other non-sample item. */
 typedef struct FEVENT {
-    uint32_t time;          /* time of the item                              */
+    uint32_t time;          /* never filled by decoding (see traps 4, 5)     */
     uint16_t type;          /* item-type code                                */
     uint16_t contents;      /* which value groups the item carried           */
     uint32_t startTime;     /* start time of the event                       */
@@ -143,7 +209,7 @@ typedef struct FEVENT {
     float startResY;        /* resolution y at the start                     */
     float endResY;          /* resolution y at the end                       */
     int16_t eye;            /* 0 left, 1 right                               */
-    uint16_t aux0;          /* carried without interpretation                */
+    uint16_t aux0;          /* never filled by decoding: 0                   */
     uint16_t blockFlags;    /* block flag word                               */
     uint16_t blockFlags2;   /* second block flag word                        */
     uint16_t blockOption;   /* block option word                             */
@@ -345,6 +411,11 @@ ORBAPI_EXPORT int orb_get_preamble_text(_ORBFILE *ef, char *buffer,
 
 /* The library's version text. */
 ORBAPI_EXPORT const char *orb_get_version(void);
+
+/* The version of the library loaded, "MAJOR.MINOR.PATCH" (the value of
+ * ORBAPI_VERSION_STRING it was built with).  A static string; never NULL;
+ * any thread may call it. */
+ORBAPI_EXPORT const char *orb_library_version(void);
 
 /* Tracker revision from the preamble (0 when absent). */
 ORBAPI_EXPORT int orb_get_revision(_ORBFILE *ef);
