@@ -163,8 +163,9 @@ def _sample_gap(t):
 def _minmax(key, ys, columns):
     """Smallest and largest value of each of `ys` per column.  `key` holds
     each sample's column (0 to `columns` - 1, never decreasing).  Returns
-    one (min, max) pair of arrays of `columns` per series; a column without
-    samples, or with only missing values, is NaN."""
+    one (min, max) pair of arrays of `columns` per series, a column without
+    samples, or with only missing values, NaN; and the columns that have
+    samples."""
     starts = np.flatnonzero(np.r_[True, key[1:] != key[:-1]]) if key.size else key
     used = key[starts] if key.size else key
     out = []
@@ -175,7 +176,7 @@ def _minmax(key, ys, columns):
             lo[used] = np.fmin.reduceat(y, starts)
             hi[used] = np.fmax.reduceat(y, starts)
         out.append((lo, hi))
-    return out
+    return out, used
 
 
 def _interleave(lo, hi):
@@ -192,7 +193,7 @@ def _reduce(t, ys, lo, hi, columns):
         return _breaks(t, ys, _sample_gap(t))
     width = (hi - lo) / columns
     key = np.clip(((t - lo) / width).astype(np.int64), 0, columns - 1)
-    pairs = _minmax(key, ys, columns)
+    pairs, _ = _minmax(key, ys, columns)
     centre = lo + (np.arange(columns) + 0.5) * width
     x = np.repeat(centre, 2)
     return x, [_interleave(a, b) for a, b in pairs]
@@ -422,18 +423,23 @@ def _messages(recording, axes, lo, hi):
         text = str(text).strip()
         if len(text) > 30:
             text = text[:29] + "\u2026"
+        # Beside the tick, on the side towards the middle of the span.
         top.text(t, 0.98, text, transform=top.get_xaxis_transform(), rotation=90,
-                 ha="right", va="top", fontsize="x-small", color="#333333",
-                 clip_on=True)
+                 ha="left" if t < (lo + hi) / 2 else "right", va="top",
+                 fontsize="x-small", color="#333333", clip_on=True)
 
 
 # --------------------------------------------------------------------------
 # The whole recording
 # --------------------------------------------------------------------------
 
-# Margins of a new overview figure (inches) and the height of a row.
-_OVERVIEW_WIDTH = 13.0
-_MARGINS = {"left": 1.0, "right": 0.3, "top": 0.95, "bottom": 0.6}
+# Layout of a new overview (inches): margins, the gap between two columns of
+# rows, the width of one column, and how many rows one column holds before
+# the next column begins.
+_MARGINS = {"left": 1.0, "right": 0.3, "top": 0.8, "bottom": 0.6}
+_PANEL_GAP = 0.9
+_PANEL_ROWS = 60
+_MAX_PANELS = 4
 
 
 def overview(recording, *, eye="both", ax=None):
@@ -442,12 +448,13 @@ def overview(recording, *, eye="both", ax=None):
 
     Each row shows a block from its first sample on (time in seconds):
     gaze x of each eye in the upper half of the row and gaze y in the lower
-    half, each scaled to the range the gaze covers in the recording, with
-    every pixel column covering the smallest to the largest value that falls
-    in it.  Blinks are shaded, trials marked at their start and end, and
-    gaps are where the tracker lost the eye.  `eye` is "left", "right" or
-    "both"; `ax` an Axes to draw into, or a Figure; by default a new figure
-    sized for the rows.
+    half, each scaled to the range the gaze covers in the recording, every
+    pixel column drawn from the smallest to the largest value that falls in
+    it.  Blinks are shaded, trials marked at their start and end, and gaps
+    are where the tracker lost the eye.  More than 60 blocks are laid out in
+    up to four columns of rows.  `eye` is "left", "right" or "both"; `ax` an
+    Axes to draw every row into, or a Figure; by default a new figure sized
+    for the rows.
 
     The traces are drawn as one image the size of the axes in pixels, which
     keeps an hour of samples to about a second; saving at another dpi than
@@ -465,35 +472,44 @@ def overview(recording, *, eye="both", ax=None):
     samples = _Samples(recording)
     eyes = samples.eyes(eye)
     rows = _Rows(samples)
-    trials = _marks(recording.trials, rows)
+    trials = _marks(recording.trials, rows, label="trial")
     blinks = _events(recording, "blink", -math.inf, math.inf, eyes)
     start, end, which = _union(blinks["start_time"], blinks["end_time"])
     blinks = _marks({"block": np.asarray(blinks["block"])[which],
                      "start_time": start, "end_time": end}, rows)
-    x0 = min([0.0] + [float(trials["start"].min())] if len(trials["row"]) else [0.0])
+    x0 = min(0.0, float(trials["start"].min())) if trials["row"].size else 0.0
     x1 = max(float(np.max(rows.last - rows.first)) / 1000.0, x0 + 0.001)
+    pad = (x1 - x0) * 0.005  # marks at the first and last sample stay in view
+    x0, x1 = x0 - pad, x1 + pad
 
-    ax, fig = _overview_axes(ax, rows.count)
-    bbox = ax.get_window_extent()
+    axes, fig = _overview_axes(ax, rows.count)
+    per_panel = -(-rows.count // len(axes))
+    bbox = axes[0].get_window_extent()
     width, height = max(1, int(round(bbox.width))), max(1, int(round(bbox.height)))
     t = samples.time
     column = ((t - rows.origin) / 1000.0 - x0) * (width / (x1 - x0))
     key = rows.of_sample * width + np.clip(column.astype(np.int64), 0, width - 1)
     series = [(e, axis) for e in eyes for axis in (0, 1)]
-    pairs = _minmax(key, [samples.gaze[e][axis] for e, axis in series],
-                    rows.count * width)
+    pairs, used = _minmax(key, [samples.gaze[e][axis] for e, axis in series],
+                          rows.count * width)
+    span = _sample_gap(t) * width / ((x1 - x0) * 1000.0)
+    pairs = _bridge(pairs, used, width, span)
     scales = [_band_scale([p for p, (_, a) in zip(pairs, series) if a == axis])
               for axis in (0, 1)]
-    image = np.zeros((height, width, 4), np.uint8)
-    for (e, axis), (lo, hi) in zip(series, pairs):
-        mask = _trace(lo, hi, axis, scales[axis], rows.count, width, height)
-        image[mask] = _rgba(EYE_COLOURS[e])
-    ax.imshow(image, extent=(x0, x1, rows.count, 0), aspect="auto",
-              interpolation="nearest", zorder=2, gid="gaze")
 
-    _overview_spans(ax, blinks)
-    _overview_trials(ax, trials)
-    _overview_labels(ax, fig, recording, rows, eyes, x0, x1, t)
+    for k, a in enumerate(axes):
+        r0, r1 = k * per_panel, min(rows.count, (k + 1) * per_panel)
+        image = np.zeros((height, width, 4), np.uint8)
+        for (e, axis), (lo, hi) in zip(series, pairs):
+            lo, hi = (v.reshape(rows.count, width)[r0:r1] for v in (lo, hi))
+            image[_trace(lo, hi, axis, scales[axis], per_panel, height)] = \
+                _rgba(EYE_COLOURS[e])
+        a.imshow(image, extent=(x0, x1, per_panel, 0), aspect="auto",
+                 interpolation="nearest", zorder=2, gid="gaze")
+        _overview_blinks(a, _rows_of(blinks, r0, r1))
+        _overview_trials(a, _rows_of(trials, r0, r1), labels=rows.count <= 40)
+        _overview_rows(a, rows.blocks[r0:r1], per_panel, x0, x1)
+    _overview_titles(axes, fig, recording, rows.count, eyes, t)
     return fig
 
 
@@ -506,7 +522,8 @@ class _Rows:
         if not b.size:
             self.blocks = np.zeros(1, np.int64)
             self.first = self.last = np.zeros(1)
-            self.of_sample = self.origin = np.zeros(0, np.int64)
+            self.of_sample = np.zeros(0, np.int64)
+            self.origin = np.zeros(0)
         else:
             # Blocks follow one another; samples outside every block (-1)
             # may come between them and make one row together.
@@ -529,28 +546,61 @@ class _Rows:
         return np.where(self.blocks[i] == block, i, -1), self.first[i]
 
 
-def _marks(table, rows):
-    """Row, start and end (s from the row's first sample) and the table of
-    the items of `table` (block, start_time, end_time) that lie in a row."""
-    if len(table["block"]) == 0:
-        return {"row": np.zeros(0, np.int64), "start": np.zeros(0), "end": np.zeros(0),
-                "keep": np.zeros(0, bool)}
-    row, origin = rows.place(table["block"])
+def _marks(table, rows, label=None):
+    """Row, start and end (s from the row's first sample) and, with
+    `label`, that column, of the items of `table` (block, start_time,
+    end_time) that lie in a row."""
+    block = np.asarray(table["block"])
+    row, origin = rows.place(block) if block.size else (block, np.zeros(0))
     keep = row >= 0
-    return {"row": row[keep],
-            "start": (np.asarray(table["start_time"], np.float64) - origin)[keep] / 1000.0,
-            "end": (np.asarray(table["end_time"], np.float64) - origin)[keep] / 1000.0,
-            "keep": keep}
+    out = {"row": row[keep]}
+    for name, column in (("start", "start_time"), ("end", "end_time")):
+        out[name] = (np.asarray(table[column], np.float64) - origin)[keep] / 1000.0
+    if label:
+        out["label"] = np.asarray(table[label])[keep]
+    return out
 
 
-def _trace(lo, hi, axis, scale, rows, width, height):
-    """The pixels a series covers: in each pixel column of each row, from
-    its smallest to its largest value, reaching to the neighbouring column's
-    values so that a jump stays joined.  `lo` and `hi` hold rows * width
-    values; gaze x goes in the upper half of a row, y in the lower."""
-    lo = lo.reshape(rows, width)
-    hi = hi.reshape(rows, width)
-    gap = np.full((rows, 1), np.nan)
+def _rows_of(marks, r0, r1):
+    """The marks in rows `r0` to `r1` - 1, rows counted from `r0`."""
+    sel = (marks["row"] >= r0) & (marks["row"] < r1)
+    out = {k: v[sel] for k, v in marks.items()}
+    out["row"] = out["row"] - r0
+    return out
+
+
+def _bridge(pairs, used, width, span):
+    """Where pixel columns are narrower than the time between two samples,
+    the columns between two samples at most `span` columns apart (in one
+    row) take the values of the column before, so that a line of sparse
+    samples is not broken up."""
+    n = pairs[0][0].size if pairs else 0
+    has = np.zeros(n, bool)
+    has[used] = True
+    if has.all() or not has.any():
+        return pairs
+    i = np.arange(n)
+    prev = np.maximum.accumulate(np.where(has, i, -1))
+    nxt = np.minimum.accumulate(np.where(has, i, n)[::-1])[::-1]
+    fill = ~has & (prev >= 0) & (nxt < n) & (nxt - prev <= span)
+    fill &= (prev // width == i // width) & (nxt // width == i // width)
+    src = prev[fill]
+    out = []
+    for lo, hi in pairs:
+        lo, hi = lo.copy(), hi.copy()
+        lo[fill], hi[fill] = lo[src], hi[src]
+        out.append((lo, hi))
+    return out
+
+
+def _trace(lo, hi, axis, scale, rows, height):
+    """The pixels a series covers in an image of `rows` rows and `height`
+    pixels: in each pixel column of each row, from its smallest to its
+    largest value (`lo`, `hi`: one row of columns per block), reaching to
+    the neighbouring column's values so that a jump stays joined.  Gaze x
+    goes in the upper half of a row, y in the lower."""
+    width = lo.shape[1]
+    gap = np.full((lo.shape[0], 1), np.nan)
     lo, hi = (np.fmin(lo, np.hstack([gap, hi[:, :-1]])),
               np.fmax(hi, np.hstack([gap, lo[:, :-1]])))
     ok = np.isfinite(lo)
@@ -565,8 +615,8 @@ def _trace(lo, hi, axis, scale, rows, width, height):
 
     first = np.clip(np.floor(pixel(hi)).astype(np.int64), 0, height - 1)
     last = np.clip(np.maximum(np.ceil(pixel(lo)).astype(np.int64), first + 1), 0, height - 1)
-    # Start +1 and end -1 per column; a running sum down each column is
-    # then positive on the covered pixels.
+    # +1 where a column's run starts and -1 past its end: the running sum
+    # down each column is then positive on the covered pixels.
     steps = np.zeros((height + 1) * width, np.int16)
     np.add.at(steps, first * width + c, 1)
     np.add.at(steps, (last + 1) * width + c, -1)
@@ -593,12 +643,16 @@ def _band_scale(pairs):
 
 
 def _overview_axes(ax, rows):
-    """The axes to draw an overview of `rows` rows in, and its figure."""
+    """The axes to draw an overview of `rows` rows in (one per column of
+    rows) and the figure."""
     if ax is not None and not hasattr(ax, "add_axes"):
-        return ax, _root(ax.figure)
-    height = max(0.45, min(1.6, 8.0 / rows))
+        return [ax], _root(ax.figure)
+    panels = min(_MAX_PANELS, -(-rows // _PANEL_ROWS))
+    per_panel = -(-rows // panels)
+    row_height = max(min(1.6, 8.0 / per_panel), 0.45 * min(1.0, _PANEL_ROWS / per_panel))
     m = _MARGINS
-    size = (_OVERVIEW_WIDTH, rows * height + m["top"] + m["bottom"])
+    width = 13.0 if panels == 1 else 6.0 * panels
+    size = (width, per_panel * row_height + m["top"] + m["bottom"])
     if ax is None:
         import matplotlib.pyplot as plt
 
@@ -607,14 +661,17 @@ def _overview_axes(ax, rows):
         fig = ax
         if not fig.axes and hasattr(fig, "set_size_inches"):
             fig.set_size_inches(*size)
-            fig.set_layout_engine("none")
     w, h = fig.get_size_inches() if hasattr(fig, "get_size_inches") else size
-    rect = [m["left"] / w, m["bottom"] / h, 1 - (m["left"] + m["right"]) / w,
-            1 - (m["top"] + m["bottom"]) / h]
-    return fig.add_axes(rect), _root(fig)
+    panel = (w - m["left"] - m["right"] - (panels - 1) * _PANEL_GAP) / panels
+    axes = []
+    for k in range(panels):
+        left = m["left"] + k * (panel + _PANEL_GAP)
+        axes.append(fig.add_axes([left / w, m["bottom"] / h, panel / w,
+                                  1 - (m["top"] + m["bottom"]) / h]))
+    return axes, _root(fig)
 
 
-def _overview_spans(ax, blinks):
+def _overview_blinks(ax, blinks):
     from matplotlib.collections import PolyCollection
 
     if not blinks["row"].size:
@@ -628,46 +685,48 @@ def _overview_spans(ax, blinks):
                                      zorder=1), autolim=False)
 
 
-def _overview_trials(ax, trials, numbers=None):
+def _overview_trials(ax, trials, labels):
     if not trials["row"].size:
         return
     s, e, r = trials["start"], trials["end"], trials["row"].astype(np.float64)
     ax.vlines(np.r_[s, e], np.r_[r, r] + 0.02, np.r_[r, r] + 0.98, colors="#222222",
               linewidths=1.0, label="trial start, end", gid="trials", zorder=3)
+    if labels and np.bincount(trials["row"]).max() <= 12:
+        for x, y, k in zip(s, r, trials["label"]):
+            ax.text(x, y + 0.04, f" trial {k}", ha="left", va="top",
+                    fontsize="x-small", color="#222222", clip_on=True, zorder=3)
 
 
-def _overview_labels(ax, fig, recording, rows, eyes, x0, x1, t):
+def _overview_rows(ax, blocks, per_panel, x0, x1):
+    """Row labels, as text rather than ticks (a hundred ticks cost
+    seconds), and the lines between the rows."""
+    ax.set_yticks([])
+    size = "small" if per_panel < 40 else "x-small"
+    at = ax.get_yaxis_transform()
+    for i, b in enumerate(blocks):
+        ax.text(-0.005, i + 0.5, "outside blocks" if b < 0 else str(b), ha="right",
+                va="center", fontsize=size, transform=at)
+    ax.hlines(np.arange(1, len(blocks) + 1), x0, x1, colors="#999999", linewidths=0.6,
+              zorder=3)
+    ax.set_xlim(x0, x1)
+    ax.set_ylim(per_panel, 0)
+    ax.set_xlabel("time from the block's first sample (s)")
+
+
+def _overview_titles(axes, fig, recording, rows, eyes, t):
     from matplotlib.lines import Line2D
     from matplotlib.patches import Patch
 
-    n = rows.count
-    trials = recording.trials
-    marks = _marks(trials, rows)
-    if marks["row"].size and np.bincount(marks["row"]).max() <= 12:
-        numbers = np.asarray(trials["trial"])[marks["keep"]]
-        for x, y, k in zip(marks["start"], marks["row"], numbers):
-            ax.text(x, y + 0.04, f" trial {k}", ha="left", va="top",
-                    fontsize="x-small", color="#222222", clip_on=True, zorder=3)
-    # Row labels as text rather than ticks: a hundred ticks cost seconds.
-    ax.set_yticks([])
-    size = "small" if n < 40 else "x-small"
-    label_at = ax.get_yaxis_transform()
-    for i, b in enumerate(rows.blocks):
-        ax.text(-0.005, i + 0.5, "outside blocks" if b < 0 else str(b), ha="right",
-                va="center", fontsize=size, transform=label_at)
-    ax.hlines(np.arange(1, n), x0, x1, colors="#999999", linewidths=0.6, zorder=3)
-    ax.set_xlim(x0, x1)
-    ax.set_ylim(n, 0)
-    ax.set_xlabel("time from the block's first sample (s)")
-    ax.set_ylabel("block (each row: gaze x above, gaze y below, in px)", labelpad=28)
+    axes[0].set_ylabel("block (each row: gaze x above, gaze y below, in px)",
+                       labelpad=28)
     handles = [Line2D([], [], color=EYE_COLOURS[e], label=f"{e} eye") for e in eyes]
     handles += [Patch(color=SPAN_COLOURS["blink"][0], alpha=SPAN_COLOURS["blink"][1],
                       label="blink"),
                 Line2D([], [], color="#222222", label="trial start, end")]
-    ax.legend(handles=handles, loc="lower left", bbox_to_anchor=(0, 1.0), ncol=4,
-              frameon=False, fontsize="small", borderaxespad=0.2)
-    k = len(trials)
-    fig.suptitle(f"{_name(recording)} \u2014 overview: {n} block{'s' * (n != 1)}, "
+    axes[0].legend(handles=handles, loc="lower left", bbox_to_anchor=(0, 1.0), ncol=4,
+                   frameon=False, fontsize="small", borderaxespad=0.2)
+    k = len(recording.trials)
+    fig.suptitle(f"{_name(recording)} \u2014 overview: {rows} block{'s' * (rows != 1)}, "
                  f"{k} trial{'s' * (k != 1)}, {_duration(t)}")
 
 
@@ -723,10 +782,11 @@ def run_plot(args):
         import orbapi
 
         recording = orbapi.read(args.file)
-        fig = Figure(layout="constrained")
         if args.trial is None and args.start is None and args.end is None:
+            fig = Figure()
             overview(recording, eye=args.eye, ax=fig)
         else:
+            fig = Figure(layout="constrained")
             plot(recording, args.trial, start=args.start, end=args.end,
                  eye=args.eye, ax=fig)
         fig.savefig(args.output, format=fmt, dpi=100)
