@@ -502,7 +502,7 @@ def overview(recording, *, eye="both", ax=None):
         image = np.zeros((height, width, 4), np.uint8)
         for (e, axis), (lo, hi) in zip(series, pairs):
             lo, hi = (v.reshape(rows.count, width)[r0:r1] for v in (lo, hi))
-            image[_trace(lo, hi, axis, scales[axis], per_panel, height)] = \
+            image.reshape(-1, 4)[_trace(lo, hi, axis, scales[axis], per_panel, height)] = \
                 _rgba(EYE_COLOURS[e])
         a.imshow(image, extent=(x0, x1, per_panel, 0), aspect="auto",
                  interpolation="nearest", zorder=2, gid="gaze")
@@ -594,8 +594,8 @@ def _bridge(pairs, used, width, span):
 
 
 def _trace(lo, hi, axis, scale, rows, height):
-    """The pixels a series covers in an image of `rows` rows and `height`
-    pixels: in each pixel column of each row, from its smallest to its
+    """The pixels (flat positions in an image of `rows` rows and `height`
+    pixels) a series covers: in each pixel column of each row, from its smallest to its
     largest value (`lo`, `hi`: one row of columns per block), reaching to
     the neighbouring column's values so that a jump stays joined.  Gaze x
     goes in the upper half of a row, y in the lower."""
@@ -615,12 +615,10 @@ def _trace(lo, hi, axis, scale, rows, height):
 
     first = np.clip(np.floor(pixel(hi)).astype(np.int64), 0, height - 1)
     last = np.clip(np.maximum(np.ceil(pixel(lo)).astype(np.int64), first + 1), 0, height - 1)
-    # +1 where a column's run starts and -1 past its end: the running sum
-    # down each column is then positive on the covered pixels.
-    steps = np.zeros((height + 1) * width, np.int16)
-    np.add.at(steps, first * width + c, 1)
-    np.add.at(steps, (last + 1) * width + c, -1)
-    return np.cumsum(steps.reshape(height + 1, width), axis=0, dtype=np.int16)[:height] > 0
+    # The flat image positions of every covered pixel, column run by run.
+    runs = last - first + 1
+    begin = np.repeat(first * width + c - np.cumsum(runs) * width + runs * width, runs)
+    return begin + np.arange(int(runs.sum())) * width
 
 
 def _rgba(colour):
@@ -699,11 +697,15 @@ def _overview_trials(ax, trials, labels):
 
 def _overview_rows(ax, blocks, per_panel, x0, x1):
     """Row labels, as text rather than ticks (a hundred ticks cost
-    seconds), and the lines between the rows."""
+    seconds), every row's up to 40 rows a column and every fifth's beyond,
+    and the lines between the rows."""
     ax.set_yticks([])
     size = "small" if per_panel < 40 else "x-small"
     at = ax.get_yaxis_transform()
+    every = 1 if per_panel <= 40 else 5
     for i, b in enumerate(blocks):
+        if b % every:
+            continue
         ax.text(-0.005, i + 0.5, "outside blocks" if b < 0 else str(b), ha="right",
                 va="center", fontsize=size, transform=at)
     ax.hlines(np.arange(1, len(blocks) + 1), x0, x1, colors="#999999", linewidths=0.6,
