@@ -109,8 +109,8 @@ class _Samples:
 
 
 def _events(recording, kind, lo, hi, eyes):
-    """Start, end and the table rows of the `kind` events (fixation,
-    saccade, blink) of `eyes` that overlap `lo`..`hi` ms."""
+    """The rows of the `kind` events (fixation, saccade, blink) of `eyes`
+    that overlap `lo`..`hi` ms."""
     table = getattr(recording, kind + "s")
     if len(table) == 0:
         return table
@@ -210,13 +210,13 @@ def _pixel_columns(ax):
 
 
 def _root(fig):
+    """The figure a (sub)figure lies in."""
     while getattr(fig, "figure", fig) is not fig and fig.figure is not None:
         fig = fig.figure
     return fig
 
 
 def _new_figure(size):
-    _matplotlib()
     import matplotlib.pyplot as plt
 
     return plt.figure(figsize=size, layout="constrained")
@@ -255,7 +255,7 @@ def _split(spec, fig):
     return [ax_x, ax_y, ax_scan]
 
 
-def _spans(ax, starts, ends, kind, label):
+def _spans(ax, starts, ends, kind):
     """Shades `starts`..`ends` over the whole height of `ax`."""
     from matplotlib.collections import PolyCollection
 
@@ -265,7 +265,7 @@ def _spans(ax, starts, ends, kind, label):
     verts[:, :, 1] = [0, 1, 1, 0]
     colour, alpha = SPAN_COLOURS[kind]
     spans = PolyCollection(verts, facecolors=colour, alpha=alpha, linewidths=0,
-                           transform=ax.get_xaxis_transform(), label=label,
+                           transform=ax.get_xaxis_transform(), label=kind,
                            gid=kind)
     ax.add_collection(spans, autolim=False)
     return spans
@@ -327,7 +327,7 @@ def plot(recording, trial=None, *, start=None, end=None, eye="both", ax=None):
         ev = _events(recording, kind, lo, hi, eyes)
         if len(ev):
             for a in (ax_x, ax_y):
-                _spans(a, ev["start_time"], ev["end_time"], kind, kind)
+                _spans(a, ev["start_time"], ev["end_time"], kind)
     _fixation_circles(ax_scan, _events(recording, "fixation", lo, hi, eyes))
     _messages(recording, (ax_x, ax_y), lo, hi)
 
@@ -384,17 +384,17 @@ def _fixation_circles(ax, fix):
         return
     for e, index in _EYE_INDEX.items():
         f = fix[(fix["eye"] == index)].sort_values("start_time", kind="stable")
-        f = f[np.isfinite(_float(f["avg_gaze_x"])) & np.isfinite(_float(f["avg_gaze_y"]))]
-        if len(f) == 0:
+        x, y = _float(f["avg_gaze_x"]), _float(f["avg_gaze_y"])
+        ok = np.isfinite(x) & np.isfinite(y)
+        if not ok.any():
             continue
-        x = _float(f["avg_gaze_x"])
-        y = _float(f["avg_gaze_y"])
-        duration = np.asarray(f["end_time"] - f["start_time"], dtype=np.float64)
+        x, y = x[ok], y[ok]
+        duration = np.asarray(f["end_time"] - f["start_time"], dtype=np.float64)[ok]
         area = np.clip(duration * 0.6, 12, 900)  # points squared; 1 s ~ 600
         colour = EYE_COLOURS[e]
         ax.scatter(x, y, s=area, facecolors=colour, edgecolors=colour,
                    alpha=0.3, linewidths=1, zorder=3, gid=f"fixations_{e}")
-        if len(f) <= _MAX_NUMBERED:
+        if x.size <= _MAX_NUMBERED:
             # Left eye's numbers above left of the centre, right eye's
             # below right: apart where both eyes fixate the same place.
             offset = (-5, 5) if e == "left" else (5, -5)
@@ -434,8 +434,8 @@ def _messages(recording, axes, lo, hi):
 # --------------------------------------------------------------------------
 
 # Layout of a new overview (inches): margins, the gap between two columns of
-# rows, the width of one column, and how many rows one column holds before
-# the next column begins.
+# rows, how many rows one column holds before the next column begins, and
+# how many columns at most.
 _MARGINS = {"left": 1.0, "right": 0.3, "top": 0.8, "bottom": 0.6}
 _PANEL_GAP = 0.9
 _PANEL_ROWS = 60
