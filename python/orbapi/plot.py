@@ -758,7 +758,6 @@ def add_plot_arguments(parser):
                         help="which eye to draw (default: both)")
     parser.add_argument("-o", "--output", required=True, metavar="OUT",
                         help="the picture to write: .png, .svg or .pdf")
-    parser.set_defaults(func=run_plot)
 
 
 _FORMATS = ("png", "svg", "pdf")
@@ -777,13 +776,13 @@ def run_plot(args):
         return fail(2, f"{args.output}: the picture must end in .png, .svg or .pdf")
     if args.trial is not None and (args.start is not None or args.end is not None):
         return fail(2, "--trial goes without --start and --end")
+    from . import OrbError, read
+
     try:
         _matplotlib()
         from matplotlib.figure import Figure
 
-        import orbapi
-
-        recording = orbapi.read(args.file)
+        recording = read(args.file)
         if args.trial is None and args.start is None and args.end is None:
             fig = Figure()
             overview(recording, eye=args.eye, ax=fig)
@@ -794,10 +793,8 @@ def run_plot(args):
         fig.savefig(args.output, format=fmt, dpi=100)
     except FileNotFoundError:
         return fail(1, f"{args.file}: no such file")
+    except OrbError as e:
+        return fail(1, f"{args.file}: {e}")
     except (ImportError, ValueError, OSError) as e:
         return fail(1, str(e))
-    except Exception as e:  # the library's refusal of a file
-        if type(e).__name__ == "OrbError":
-            return fail(1, f"{args.file}: {e}")
-        raise
     return 0

@@ -254,7 +254,9 @@ def test_orb_plot_failures(make_recording, tmp_path, capsys):
     assert orb_plot(path, "--trial", "0", "--start", "5", "-o", tmp_path / "x.png") == 2
     assert orb_plot(tmp_path / "absent.orb", "-o", tmp_path / "x.png") == 1
     assert orb_plot(path, "--trial", "7", "-o", tmp_path / "x.png") == 1
+    bad = make_recording(damage="bad_magic", name="bad.orb")
+    assert orb_plot(bad, "-o", tmp_path / "x.png") == 1
     err = capsys.readouterr().err
     assert ".png, .svg or .pdf" in err and "absent.orb: no such file" in err
-    assert "no trial 7" in err
+    assert "no trial 7" in err and "bad.orb: " in err
     assert not (tmp_path / "x.png").exists()
