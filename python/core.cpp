@@ -11,6 +11,7 @@
 #include <nanobind/stl/optional.h>
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/pair.h>
+#include <nanobind/stl/unique_ptr.h>
 #include <nanobind/stl/vector.h>
 
 #include <cctype>
@@ -24,21 +25,6 @@
 #include <vector>
 
 #include "orbapi.h"
-
-// TEMPORARY until the columnar reader is merged: weak references, checked at
-// run time.
-#pragma weak orb_read_columns
-#pragma weak orb_read_columns_memory
-#pragma weak orb_free_columns
-#pragma weak orb_columns_rows
-#pragma weak orb_columns_count
-#pragma weak orb_columns_column
-#pragma weak orb_columns_find
-#pragma weak orb_columns_text
-#pragma weak orb_columns_preamble
-#pragma weak orb_columns_revision
-#pragma weak orb_columns_oculant_revision
-#pragma weak orb_columns_items
 
 namespace nb = nanobind;
 using namespace nb::literals;
@@ -307,7 +293,6 @@ std::unique_ptr<Columns> readColumns(std::optional<nb::bytes> path, nb::object d
                                      std::optional<std::string> trialStart,
                                      std::optional<std::string> trialEnd, bool sentinels)
 {
-    if (!&orb_read_columns) throw std::runtime_error("this build has no columnar reader yet");
     LogScope log;
     ORB_COLUMNS* c = nullptr;
     int err = 0;
