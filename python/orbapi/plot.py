@@ -487,8 +487,14 @@ def overview(recording, *, eye="both", ax=None):
     bbox = axes[0].get_window_extent()
     width, height = max(1, int(round(bbox.width))), max(1, int(round(bbox.height)))
     t = samples.time
-    column = ((t - rows.origin) / 1000.0 - x0) * (width / (x1 - x0))
-    key = rows.of_sample * width + np.clip(column.astype(np.int64), 0, width - 1)
+    # Each sample's pixel column, counted over all rows; in place, as an
+    # hour has millions of samples.
+    column = t - rows.first[rows.of_sample]
+    column -= x0 * 1000.0
+    column *= width / ((x1 - x0) * 1000.0)
+    key = column.astype(np.int64)
+    np.minimum(key, width - 1, out=key)
+    key += rows.of_sample * width
     series = [(e, axis) for e in eyes for axis in (0, 1)]
     pairs, used = _minmax(key, [samples.gaze[e][axis] for e, axis in series],
                           rows.count * width)
@@ -523,7 +529,6 @@ class _Rows:
             self.blocks = np.zeros(1, np.int64)
             self.first = self.last = np.zeros(1)
             self.of_sample = np.zeros(0, np.int64)
-            self.origin = np.zeros(0)
         else:
             # Blocks follow one another; samples outside every block (-1)
             # may come between them and make one row together.
@@ -535,7 +540,6 @@ class _Rows:
             np.minimum.at(self.first, run_row, t[starts])
             np.maximum.at(self.last, run_row, t[ends])
             self.of_sample = np.repeat(run_row, ends - starts + 1)
-            self.origin = self.first[self.of_sample]
         self.count = self.blocks.size
 
     def place(self, block):
