@@ -35,6 +35,9 @@ EYE_COLOURS = {"left": "#0072B2", "right": "#D55E00"}
 SPAN_COLOURS = {"fixation": ("#009E73", 0.10), "saccade": ("#E69F00", 0.30),
                 "blink": ("#4D4D4D", 0.35)}
 _EYE_INDEX = {"left": 0, "right": 1}
+# The left eye's line is drawn first and wider, so that where both eyes
+# agree it still shows on both sides of the right eye's.
+_LINE_WIDTH = {"left": 1.8, "right": 0.9}
 _SELECT = {"left": ("left",), "right": ("right",), "both": ("left", "right")}
 
 # The stored markers of a missing value.
@@ -319,8 +322,9 @@ def plot(recording, trial=None, *, start=None, end=None, eye="both", ax=None):
         x, y = (a[i0:i1] for a in samples.gaze[e])
         tt, (xx, yy) = _reduce(t, [x, y], lo, hi, columns)
         colour = EYE_COLOURS[e]
-        ax_x.plot(tt, xx, color=colour, lw=1, label=f"{e} eye", gid=f"gaze_x_{e}")
-        ax_y.plot(tt, yy, color=colour, lw=1, label=f"{e} eye", gid=f"gaze_y_{e}")
+        lw = _LINE_WIDTH[e]
+        ax_x.plot(tt, xx, color=colour, lw=lw, label=f"{e} eye", gid=f"gaze_x_{e}")
+        ax_y.plot(tt, yy, color=colour, lw=lw, label=f"{e} eye", gid=f"gaze_y_{e}")
         _scanpath(ax_scan, t, x, y, colour, e)
 
     for kind in ("fixation", "saccade", "blink"):
@@ -374,8 +378,8 @@ def _trial_span(recording, samples, trial, start, end):
 def _scanpath(ax, t, x, y, colour, eye):
     step = max(1, math.ceil(x.size / _SCANPATH_POINTS))
     t, (x, y) = _breaks(t[::step], [x[::step], y[::step]], step * _sample_gap(t))
-    ax.plot(x, y, color=colour, lw=0.8, alpha=0.6, label=f"{eye} eye",
-            gid=f"scanpath_{eye}")
+    ax.plot(x, y, color=colour, lw=_LINE_WIDTH[eye] * 0.7, alpha=0.7,
+            label=f"{eye} eye", gid=f"scanpath_{eye}")
 
 
 def _fixation_circles(ax, fix):
