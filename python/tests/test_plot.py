@@ -5,6 +5,7 @@ Needs matplotlib (the `plot` extra)."""
 from __future__ import annotations
 
 import argparse
+import subprocess
 import sys
 
 import numpy as np
@@ -225,7 +226,11 @@ def test_refusals(rec, make_recording):
     assert {ln.get_gid() for ln in left_only.plot(trial=0).axes[0].lines} == {"gaze_x_left"}
 
 
-def test_missing_matplotlib_names_the_extra(rec, monkeypatch):
+def test_matplotlib_only_when_drawing(rec, monkeypatch):
+    loaded = subprocess.run([sys.executable, "-c", "import sys, orbapi.plot; "
+                             "print('matplotlib' in sys.modules)"],
+                            capture_output=True, text=True, check=True).stdout
+    assert loaded.strip() == "False"
     monkeypatch.setitem(sys.modules, "matplotlib", None)
     with pytest.raises(ImportError, match=r"orbapi\[plot\]"):
         rec.plot(trial=0)
