@@ -339,6 +339,7 @@ def plot(recording, trial=None, *, start=None, end=None, eye="both", ax=None):
     ax_x.set_ylabel("gaze x (px)")
     ax_y.set_ylabel("gaze y (px)")
     ax_y.set_xlabel("time (ms)")
+    ax_y.xaxis.set_major_formatter(_thousands())
     ax_x.tick_params(labelbottom=False)
     ax_scan.set_xlabel("gaze x (px)")
     ax_scan.set_ylabel("gaze y (px)")
@@ -373,6 +374,18 @@ def _trial_span(recording, samples, trial, start, end):
     if hi <= lo:
         raise ValueError(f"the span from {lo:g} to {hi:g} ms is empty")
     return lo, hi, ""
+
+
+def _short(text, most=30):
+    return text if len(text) <= most else text[: most - 1] + "\u2026"
+
+
+def _thousands():
+    """Tick labels of whole milliseconds with thousands separators: the
+    recording's clock runs to millions."""
+    from matplotlib.ticker import FuncFormatter
+
+    return FuncFormatter(lambda v, _: f"{v:,.0f}")
 
 
 def _scanpath(ax, t, x, y, colour, eye):
@@ -420,13 +433,19 @@ def _messages(recording, axes, lo, hi):
         a.vlines(times, 0, 1, transform=a.get_xaxis_transform(), colors="#333333",
                  linestyles="dotted", linewidths=0.8,
                  label="message" if a is axes[0] else "_message", gid="messages")
-    if len(msgs) > _MAX_LABELS:
-        return
+    # Messages closer than a few pixels share one label.
     top = axes[0]
-    for t, text in zip(times, msgs["text"]):
-        text = str(text).strip()
-        if len(text) > 30:
-            text = text[:29] + "\u2026"
+    near = 8 * (hi - lo) / _pixel_columns(top)
+    order = np.argsort(times, kind="stable")
+    times = times[order]
+    words = [_short(str(msgs["text"].iloc[i]).strip()) for i in order]
+    group = np.r_[0, np.cumsum(np.diff(times) > near)]
+    if group[-1] + 1 > _MAX_LABELS:
+        return
+    for g in range(group[-1] + 1):
+        members = np.flatnonzero(group == g)
+        t = times[members[0]]
+        text = " | ".join(words[i] for i in members)
         # Beside the tick, on the side towards the middle of the span.
         top.text(t, 0.98, text, transform=top.get_xaxis_transform(), rotation=90,
                  ha="left" if t < (lo + hi) / 2 else "right", va="top",
