@@ -13,7 +13,7 @@ Example::
     rec = orbapi.read("run1.orb")
     fig = rec.plot(trial=3)             # one trial
     fig = rec.plot(start=120000, end=125000, eye="left")
-    fig = orbapi.plot.overview(rec)     # every block, one row each
+    fig = rec.plot()                    # the overview: every block, a row each
     fig.savefig("trial3.png")
 
 From the command line: ``orb plot run1.orb --trial 3 -o trial3.png``.
@@ -488,7 +488,8 @@ def overview(recording, *, eye="both", ax=None):
 
     Example::
 
-        fig = orbapi.plot.overview(orbapi.read("run1.orb"))
+        from orbapi.plot import overview
+        fig = overview(orbapi.read("run1.orb"), eye="left")
         fig.savefig("overview.png")
     """
     _matplotlib()
