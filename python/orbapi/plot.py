@@ -777,15 +777,19 @@ def add_plot_arguments(parser):
     FILE, --trial N | --start MS --end MS, --eye, -o OUT."""
     parser.add_argument("file", metavar="FILE", help="the recording")
     parser.add_argument("--trial", type=int, metavar="N",
-                        help="draw trial N (as numbered in the trials table)")
+                        help="draw trial N (0 for the first, as in the trials table)")
     parser.add_argument("--start", type=float, metavar="MS",
-                        help="draw the span from MS (ms, the recording's clock)")
+                        help="draw the span from MS (ms, the recording's clock; "
+                             "default the first sample)")
     parser.add_argument("--end", type=float, metavar="MS",
-                        help="... to MS")
+                        help="... up to MS (default the last sample)")
     parser.add_argument("--eye", choices=("left", "right", "both"), default="both",
                         help="which eye to draw (default: both)")
     parser.add_argument("-o", "--output", required=True, metavar="OUT",
                         help="the picture to write: .png, .svg or .pdf")
+    if parser.epilog is None:
+        parser.epilog = ("Without --trial, --start or --end: an overview of the whole\n"
+                         "recording, one row per block.")
 
 
 _FORMATS = ("png", "svg", "pdf")
