@@ -8,10 +8,11 @@ that names the extra to install (``orbapi[mne]``, ``orbapi[pymovements]``).
 
 from __future__ import annotations
 
-import importlib
 import warnings
 
 import numpy as np
+
+from ._optional import require
 
 __all__ = ["to_mne", "to_pymovements", "write_fif"]
 
@@ -26,16 +27,6 @@ _EVENT_KINDS = {  # annotations= name -> (table, MNE description, pymovements na
     "blinks": ("blinks", "BAD_blink", "blink"),
 }
 _ANNOTATION_KINDS = (*_EVENT_KINDS, "messages")
-
-
-def _require(module, extra):
-    try:
-        return importlib.import_module(module)
-    except ImportError as exc:
-        raise ImportError(
-            f"this needs {module}, which is not installed: "
-            f"pip install 'orbapi[{extra}]'"
-        ) from exc
 
 
 # --- tables ------------------------------------------------------------------
@@ -66,17 +57,13 @@ def _select_block(cols, block):
 
 
 def _sample_blocks(recording):
-    """Block numbers, rates and eyes of the recording's blocks of samples."""
+    """Numbers, sample rates and eyes (1 left, 2 right, 3 both) of the
+    recording's blocks."""
     blocks = _columns(recording, "blocks")
-    n = len(blocks["sample_rate"]) if blocks else 0
-    if n == 0:
-        return np.zeros(0, np.int64), np.zeros(0), np.zeros(0, np.int64)
+    n = len(blocks.get("sample_rate", ()))
     number = np.asarray(blocks["block"]) if "block" in blocks else np.arange(n)
-    keep = np.ones(n, bool)
-    if "record_type" in blocks:
-        keep = np.asarray(blocks["record_type"]) == 1
-    return (number[keep], np.asarray(blocks["sample_rate"], np.float64)[keep],
-            np.asarray(blocks["eyes"], np.int64)[keep])
+    return (number, np.asarray(blocks.get("sample_rate", ()), np.float64),
+            np.asarray(blocks.get("eyes", ()), np.int64))
 
 
 def _rate_and_eyes(recording, block):
@@ -226,7 +213,7 @@ def to_mne(recording, *,
         events, ids = mne.events_from_annotations(raw, regexp="^TRIALID")
         epochs = mne.Epochs(raw, events, tmin=-0.2, tmax=1.0)
     """
-    mne = _require("mne", "mne")
+    mne = require("mne", "mne")
     unknown = [a for a in annotations if a not in _ANNOTATION_KINDS]
     if isinstance(annotations, str) or unknown:
         raise ValueError(
@@ -311,7 +298,7 @@ def write_fif(recording, path, *, overwrite=True):
         # Skips that do not line up with the buffers are written as they are
         # (NaN), which is what we want; MNE warns about it.
         warnings.filterwarnings("ignore", message=".*[Aa]cquisition skips.*")
-        raw.save(path, overwrite=overwrite, verbose=False,
+        raw.save(path, overwrite=overwrite, verbose="error",
                  buffer_size_sec=_unaligned_buffer(raw))
 
 
@@ -377,8 +364,8 @@ def to_pymovements(recording, *, screen=None, block=None):
             distance_cm=70))
         gaze.pix2deg(); gaze.pos2vel(); gaze.detect("ivt")
     """
-    pm = _require("pymovements", "pymovements")
-    pl = _require("polars", "pymovements")
+    pm = require("pymovements", "pymovements")
+    pl = require("polars", "pymovements")
     sfreq, eyes = _rate_and_eyes(recording, block)
     samples, messages, events = _tables(recording, block)
 
