@@ -269,13 +269,18 @@ def to_mne(recording, *,
         add((at - t0) / 1000.0, np.zeros(len(at)), texts, [()] * len(at))
 
     onset = np.concatenate(onset)
-    order = np.argsort(onset, kind="stable")
+    duration = np.concatenate(duration)
+    # MNE keeps annotations ordered by onset, then duration, and sorts them
+    # with Python's sort; handed over in that order they cost it one pass.
+    order = np.lexsort((duration, onset))
     description = np.concatenate(description)[order]
-    # Appending to the Raw's own (empty) annotations is MNE's documented way
-    # to add annotations, and skips the copy and crop of set_annotations(),
-    # which would take seconds for an hour's worth of events.
+    # One call appending every annotation to the Raw's own (empty) ones: MNE
+    # checks each annotation once, in Python (most of this function's time
+    # for an hour's worth of events).  Building an Annotations object and
+    # handing it to set_annotations() checks them just as often and then
+    # copies and crops the whole object, more than doubling that time.
     raw.annotations.append(
-        onset[order], np.concatenate(duration)[order],
+        onset[order], duration[order],
         description.astype(str) if len(order) else [],
         ch_names=[chans[i] for i in order.tolist()])
     return raw
