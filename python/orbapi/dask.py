@@ -130,7 +130,7 @@ def meta_frame(table, labels, read_options, variables=None):
 
     opts = {k: v for k, v in read_options.items() if k != "variables"}
     empty = getattr(orbapi.read(EMPTY_RECORDING, **opts), table).iloc[:0]
-    frame = _with_file(empty, pd.Categorical.from_codes([], categories=labels))
+    frame = _with_file(empty, pd.Categorical.from_codes([], categories=list(dict.fromkeys(labels))))
     for name, dtype in (variables or {}).items():
         frame[name] = pd.Series([], dtype=dtype)
     return frame
@@ -158,8 +158,9 @@ class _ReadTable:
         import orbapi
 
         frame = getattr(orbapi.read(self.labels[i], **self.read_options), self.table)
-        codes = np.full(len(frame), i, dtype=np.int32 if len(self.labels) > 32767 else np.int16)
-        frame = _with_file(frame, pd.Categorical.from_codes(codes, dtype=self.meta["file"].dtype))
+        kind = self.meta["file"].dtype
+        codes = np.full(len(frame), kind.categories.get_loc(self.labels[i]), dtype=np.int32)
+        frame = _with_file(frame, pd.Categorical.from_codes(codes, dtype=kind))
         for name in self.meta.columns:
             dtype = self.meta[name].dtype
             if name not in frame.columns:

@@ -170,9 +170,8 @@ def read_many(paths, *, jobs: int | None = None, **read_options):
     categorical of the paths as given) in front.  The recordings are read
     on ``jobs`` threads (default: one per processor); the library reads
     them in parallel.  ``read_options`` are those of :func:`orbapi.read`
-    and apply to every recording.  ``info`` holds one dict per recording
-    under ``"files"`` and the totals of ``samples``, ``items`` and
-    ``duration_ms``.
+    and apply to every recording.  ``info["recordings"]`` holds the
+    ``info`` of each recording, ``info["files"]`` their paths.
 
     Raises what :func:`orbapi.read` raises for the first recording that
     fails (``FileNotFoundError``, :class:`~orbapi.OrbError`, with the
@@ -203,10 +202,24 @@ def _label(path) -> str:
 
 
 def combine(recordings, labels):
-    """One Recording from several, with a ``file`` column in every table."""
+    """One Recording from several, each table with a first column ``file``:
+    a categorical whose categories are ``labels`` (the paths as given)."""
+    import numpy as np
+    import pandas as pd
+
+    from .recording import TABLES as ALL_TABLES
     from .recording import Recording
 
-    return Recording._concat(recordings, labels)
+    merged = Recording.concat(recordings, names=labels)
+    categories = list(dict.fromkeys(labels))
+    code = np.array([categories.index(label) for label in labels], dtype=np.int32)
+    tables = {}
+    for table in ALL_TABLES:
+        columns = merged.columns(table)
+        rows = [len(next(iter(r.columns(table).values()), ())) for r in recordings]
+        columns["file"] = pd.Categorical.from_codes(np.repeat(code, rows), categories=categories)
+        tables[table] = columns
+    return Recording(tables, merged.info, None)
 
 
 # ---------------------------------------------------------------------------
