@@ -1,12 +1,24 @@
-// Inflating the body of a compressed container into a file.
+// Inflating the body of a compressed container, into a file or into memory.
 #include <zlib.h>
 
-#include "ORBFile.h"
+#include <algorithm>
+#include <cstring>
 
-int do_uncompress(FILE* source, FILE* destination)
+#include "ORBFile.h"
+#include "log.h"
+
+namespace {
+
+constexpr unsigned kChunk = 16384;
+
+// Inflates the zlib stream that `read` supplies and hands what it produces
+// to `write`, at most `limit` bytes of it.  read(&bytes) points bytes at the
+// next input and returns its size (0 at the end of the input, -1 on a read
+// error); write(bytes, n) returns false on a write error.  Returns 0 when
+// the stream ended or the limit was reached, else a negative zlib code.
+template <class Read, class Write>
+int inflateBody(Read read, Write write, uint64_t limit, bool logLimit)
 {
-    constexpr unsigned kChunk = 16384;
-    unsigned char in[kChunk];
     unsigned char out[kChunk];
 
     z_stream strm{};
@@ -14,15 +26,18 @@ int do_uncompress(FILE* source, FILE* destination)
     if (ret != Z_OK)
         return ret;
 
+    uint64_t total = 0;
     do {
-        strm.avail_in = unsigned(std::fread(in, 1, kChunk, source));
-        if (std::ferror(source)) {
+        const unsigned char* input = nullptr;
+        const long got = read(&input);
+        if (got < 0) {
             inflateEnd(&strm);
             return Z_ERRNO;
         }
-        if (strm.avail_in == 0)
+        if (got == 0)
             break;
-        strm.next_in = in;
+        strm.avail_in = unsigned(got);
+        strm.next_in = const_cast<unsigned char*>(input);
         do {
             strm.avail_out = kChunk;
             strm.next_out = out;
@@ -38,14 +53,81 @@ int do_uncompress(FILE* source, FILE* destination)
             default:
                 break;
             }
-            size_t have = kChunk - strm.avail_out;
-            if (std::fwrite(out, 1, have, destination) != have || std::ferror(destination)) {
+            uint64_t have = kChunk - strm.avail_out;
+            const bool full = have > limit - total;
+            if (full)
+                have = limit - total;
+            if (!write(out, size_t(have))) {
                 inflateEnd(&strm);
                 return Z_ERRNO;
+            }
+            total += have;
+            if (full) {
+                if (logLimit)
+                    orb_log("Inflated body larger than %llu bytes; the rest is not read \n",
+                            static_cast<unsigned long long>(limit));
+                inflateEnd(&strm);
+                return Z_OK;
             }
         } while (strm.avail_out == 0);
     } while (ret != Z_STREAM_END);
 
     inflateEnd(&strm);
     return ret == Z_STREAM_END ? Z_OK : Z_DATA_ERROR;
+}
+
+} // namespace
+
+int do_uncompress(FILE* source, FILE* destination, uint64_t limit)
+{
+    unsigned char in[kChunk];
+    auto read = [&](const unsigned char** bytes) -> long {
+        size_t n = std::fread(in, 1, kChunk, source);
+        if (std::ferror(source))
+            return -1;
+        *bytes = in;
+        return long(n);
+    };
+    auto write = [&](const unsigned char* bytes, size_t n) {
+        return std::fwrite(bytes, 1, n, destination) == n && !std::ferror(destination);
+    };
+    return inflateBody(read, write, limit, true);
+}
+
+int do_uncompress(FILE* source, FILE* destination)
+{
+    return do_uncompress(source, destination, kInflatedBodyLimit);
+}
+
+std::unique_ptr<InputStream> inflateToMemory(const unsigned char* source, size_t size, uint64_t limit)
+{
+    // Two passes: the first measures, so that the second fills a buffer of
+    // exactly the inflated size (no growth, no slack).
+    auto reader = [&] {
+        return [source, size, at = size_t(0)](const unsigned char** bytes) mutable -> long {
+            const size_t n = std::min(size - at, size_t(1) << 30);
+            *bytes = source + at;
+            at += n;
+            return long(n);
+        };
+    };
+    uint64_t total = 0;
+    inflateBody(reader(), [&](const unsigned char*, size_t n) { return total += n, true; }, limit, true);
+
+    std::unique_ptr<unsigned char[]> body(new unsigned char[size_t(total) + 1]);
+    size_t filled = 0;
+    inflateBody(
+        reader(),
+        [&](const unsigned char* bytes, size_t n) {
+            std::memcpy(body.get() + filled, bytes, n);
+            filled += n;
+            return true;
+        },
+        total, false);
+    return std::make_unique<MemoryInputStream>(std::move(body), filled);
+}
+
+std::unique_ptr<InputStream> inflateToMemory(const unsigned char* source, size_t size)
+{
+    return inflateToMemory(source, size, kInflatedBodyLimit);
 }

@@ -25,7 +25,7 @@ TEST(Symbols, ExactlyTheInterfaceIsExported)
     pclose(p);
 
     std::set<std::string> expected = {
-        "orb_open_file", "orb_close_file", "orb_get_next_data", "orb_get_float_data",
+        "orb_open_file", "orb_open_memory", "orb_get_last_error", "orb_close_file", "orb_get_next_data", "orb_get_float_data",
         "orb_get_sample_data", "orb_get_event_data", "orb_get_recording_data",
         "orb_get_sample_close_to_time", "orb_get_element_count", "orb_get_event", "orb_get_sample",
         "orb_get_recording", "orb_get_trial_count", "orb_jump_to_trial", "orb_get_trial_header",
