@@ -11,11 +11,11 @@ from __future__ import annotations
 import argparse
 import json
 import os
+import re
 import shutil
 import sys
 import threading
 import time
-from collections import Counter
 
 from . import many
 
@@ -50,7 +50,7 @@ CONVERT_EPILOG = """\
 examples:
   orb convert data/ -o out/
       every .orb file below data/ to out/samples/, out/events/, ... (Parquet)
-  orb convert s01.orb s02.orb -o out/ --tables samples,messages --velocities --jobs 2
+  orb convert s01.orb s02.orb -o out/ --tables samples,trials --velocities --variables all --jobs 2
   orb convert data/*.orb -o csv/ --format csv --consistency 2
 
 Parquet: one folder per table, one file per recording in it, so each folder
@@ -98,6 +98,15 @@ def _tables(text):
         raise argparse.ArgumentTypeError(
             f"unknown table {', '.join(bad) or '(none)'}; choose from {','.join(many.TABLES)}"
         )
+    return names
+
+
+def _variables(text):
+    if text.strip() == "all":
+        return "all"
+    names = [t.strip() for t in text.split(",") if t.strip()]
+    if not names:
+        raise argparse.ArgumentTypeError("name at least one variable, or 'all'")
     return names
 
 
@@ -162,6 +171,14 @@ def build_parser(command: str | None = None) -> argparse.ArgumentParser:
         default=None,
         metavar="T,T,...",
         help=f"tables to write (default all: {','.join(many.TABLES)})",
+    )
+    conv.add_argument(
+        "--variables",
+        type=_variables,
+        default=None,
+        metavar="K,K,...",
+        help="trial variables: the keys of 'KEY VALUE' messages inside a trial that become columns of trials, "
+        "or 'all' for every such message (default none)",
     )
     conv.add_argument("--velocities", action="store_true", help="add the 24 velocity columns to samples")
     conv.add_argument("--camera", action="store_true", help="add the raw pupil and CR camera values to samples")
@@ -368,18 +385,21 @@ def format_summary(r: dict) -> str:
     return "\n".join(lines)
 
 
-def _damage_rows(damage, row, most=10):
+def _damage_rows(damage, row, most=8):
+    """The library's lines, those that differ only in their numbers taken
+    together: the first of them and how many more."""
     if not damage:
         row("damage", "none reported")
         return
-    counted = Counter(damage)
-    first = True
-    for k, (text, n) in enumerate(counted.items()):
+    kinds = {}
+    for line in damage:
+        kinds.setdefault(re.sub(r"\d+", "#", line), []).append(line)
+    for k, lines in enumerate(kinds.values()):
         if k == most:
-            row("", f"... {len(counted) - most} more kinds ({len(damage)} lines in all)")
+            row("", f"... {len(kinds) - most} more kinds of lines ({len(damage)} lines in all)")
             break
-        row("damage" if first else "", text + (f"  (x{n})" if n > 1 else ""))
-        first = False
+        more = len(lines) - 1
+        row("damage" if k == 0 else "", lines[0] + (f"  (and {more} more like it)" if more else ""))
 
 
 # ---------------------------------------------------------------------------
@@ -469,7 +489,9 @@ def run_convert(args) -> int:
         raise UsageError(f"{args.output} exists and is not a folder")
     if args.format == "fif" and args.tables is not None:
         raise UsageError("--tables does not apply to --format fif (one file per recording)")
-    options = dict(consistency=args.consistency, velocities=args.velocities, camera=args.camera)
+    options = dict(
+        consistency=args.consistency, velocities=args.velocities, camera=args.camera, variables=args.variables
+    )
     bar = ProgressBar(paths, sys.stderr) if sys.stderr.isatty() else None
 
     def progress(p):

@@ -382,6 +382,7 @@ def convert(
     order = {p: k for k, p in enumerate(paths)}
     result.converted.sort(key=order.__getitem__)
     result.failed = dict(sorted(result.failed.items(), key=lambda kv: order[kv[0]]))
+    result.warnings = dict(sorted(result.warnings.items(), key=lambda kv: order[kv[0]]))
     result.files.extend(writer.finish(out))
     result.seconds = time.perf_counter() - start
     return result

@@ -58,7 +58,7 @@ def test_to_parquet_skips_failures_and_writes_one_dataset_per_table(tmp_path, pa
     broken = typical(damage="truncated").write(tmp_path / "broken.orb")
     seen = []
     res = orbapi.to_parquet([paths[0], broken, *paths[1:]], tmp_path / "pq", jobs=2,
-                            tables=["samples", "trials"], progress=seen.append)
+                            tables=["samples", "trials"], progress=seen.append, variables=["rt"])
     assert res.converted == paths and list(res.failed) == [broken]
     assert res.failed[broken]  # the library's reason
     assert sorted(p.done for p in seen) == [1, 2, 3, 4, 5] and seen[-1].total == 5
@@ -100,8 +100,12 @@ def test_folders_expand_and_names_stay_apart(tmp_path):
 def test_library_lines_are_kept_per_recording(tmp_path, paths):
     from test_cli import gappy
 
-    gap = gappy(tmp_path / "gap.orb")
-    res = many.convert([*paths, gap], tmp_path / "out", format="csv", tables=["messages"],
-                       jobs=2, consistency=2)
-    assert list(res.warnings) == [gap]
-    assert any(line.startswith("Missing") for line in res.warnings[gap])
+    every = [*paths, gappy(tmp_path / "gap.orb")]
+    res = many.convert(every, tmp_path / "out", format="csv", tables=["messages"], jobs=2, consistency=2)
+    alone = {}
+    with many.LogCapture() as capture:
+        for p in every:
+            orbapi.read(p, consistency=2)
+            alone[p] = capture.take()
+    assert res.warnings == {p: lines for p, lines in alone.items() if lines}
+    assert any(line.startswith("Missing") for line in res.warnings[every[-1]])
