@@ -137,26 +137,14 @@ def build_parser(command: str | None = None) -> argparse.ArgumentParser:
     parser.add_argument("--version", action="version", version=f"orb {__version__}")
     sub = parser.add_subparsers(dest="command", metavar="COMMAND")
 
-    info = sub.add_parser(
-        "info",
-        help="summarise recordings",
-        description="Summarise recordings, one after another.",
-        epilog=INFO_EPILOG,
-        formatter_class=argparse.RawDescriptionHelpFormatter,
-    )
-    info.add_argument("files", nargs="+", metavar="FILE", help="recordings (.orb)")
+    info = _command(sub, "info", run_info, "summarise recordings", "Summarise recordings, one after another.",
+                    INFO_EPILOG, "recordings (.orb)")
     info.add_argument("--json", action="store_true", help="print a JSON list, one object per recording")
     _add_consistency(info, 2)
-    info.set_defaults(run=run_info)
 
-    conv = sub.add_parser(
-        "convert",
-        help="write the tables of recordings as Parquet, CSV or TSV",
-        description="Write every chosen table of every recording to a folder.",
-        epilog=CONVERT_EPILOG,
-        formatter_class=argparse.RawDescriptionHelpFormatter,
-    )
-    conv.add_argument("files", nargs="+", metavar="FILE", help="recordings (.orb), or folders holding them")
+    conv = _command(sub, "convert", run_convert, "write the tables of recordings as Parquet, CSV or TSV",
+                    "Write every chosen table of every recording to a folder.", CONVERT_EPILOG,
+                    "recordings (.orb), or folders holding them")
     conv.add_argument("-o", "--output", required=True, metavar="DIR", help="folder to write to (made if missing)")
     conv.add_argument(
         "--format",
@@ -190,10 +178,17 @@ def build_parser(command: str | None = None) -> argparse.ArgumentParser:
         metavar="N",
         help="recordings converted at once (default: one per processor)",
     )
-    conv.set_defaults(run=run_convert)
 
     _add_plot(sub, command == "plot")
     return parser
+
+
+def _command(sub, name, run, summary, description, epilog, files):
+    p = sub.add_parser(name, help=summary, description=description, epilog=epilog,
+                       formatter_class=argparse.RawDescriptionHelpFormatter)
+    p.add_argument("files", nargs="+", metavar="FILE", help=files)
+    p.set_defaults(run=run)
+    return p
 
 
 def _add_plot(sub, wanted):
