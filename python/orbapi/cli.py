@@ -403,17 +403,19 @@ def _damage_rows(damage, row, most=8):
 
 class ProgressBar:
     """Recordings done, samples per second and time left, redrawn in place
-    on a terminal.  Time left is estimated from the sizes of the files."""
+    on a terminal.  Time left is estimated from the sizes of the files: the
+    bytes converted so far took the time so far."""
 
     def __init__(self, paths, stream):
         self.stream = stream
         self.sizes = {p: _size(p) for p in paths}
-        self.total_bytes = sum(self.sizes.values()) or 1
+        self.total_bytes = sum(self.sizes.values())
         self.done_bytes = 0
         self.total = len(paths)
         self.done = 0
         self.samples = 0
         self.start = time.perf_counter()
+        self.finish_at = None
         self.lock = threading.Lock()
         self.stopped = threading.Event()
         self.ticker = threading.Thread(target=self._tick, daemon=True)
@@ -428,7 +430,13 @@ class ProgressBar:
         with self.lock:
             self.done = p.done
             self.samples = p.samples
-            self.done_bytes += self.sizes.get(p.path, 0)
+            size = self.sizes.get(p.path, 0)
+            if p.error:
+                self.total_bytes -= size  # nothing more to do for it
+            else:
+                self.done_bytes += size
+            if self.done_bytes:
+                self.finish_at = self.start + p.seconds * self.total_bytes / self.done_bytes
         if p.error:
             self.say(f"orb: {p.path}: {p.error}")
         else:
@@ -441,15 +449,17 @@ class ProgressBar:
 
     def draw(self):
         with self.lock:
-            elapsed = time.perf_counter() - self.start
+            now = time.perf_counter()
+            elapsed = now - self.start
             width = max(10, min(30, shutil.get_terminal_size().columns - 60))
-            fill = int(width * self.done_bytes / self.total_bytes)
+            fill = int(width * self.done / self.total)
             rate = self.samples / elapsed if elapsed > 0 else 0.0
-            if self.done_bytes and self.done < self.total:
-                left = elapsed * (self.total_bytes - self.done_bytes) / self.done_bytes
-                eta = f"{_clock(left)} left"
+            if self.done == self.total:
+                eta = _clock(elapsed)
+            elif self.finish_at is None:
+                eta = ""
             else:
-                eta = "" if self.done < self.total else f"{_clock(elapsed)}"
+                eta = f"{_clock(max(0.0, self.finish_at - now))} left"
             self.stream.write(
                 f"\r\033[K[{'#' * fill}{'.' * (width - fill)}] {self.done}/{self.total} recordings  "
                 f"{rate / 1e6:.1f} M samples/s  {eta}"

@@ -357,6 +357,8 @@ def convert(
             raise
 
     def on_done(i, res, exc):
+        if isinstance(exc, ImportError):
+            raise exc  # a missing package, not a bad recording: stop
         path = paths[i]
         if exc is None:
             rows, lines, written = res

@@ -251,6 +251,13 @@ def test_fif_is_written_through_toolkits(capsys, monkeypatch, tmp_path, study):
     assert code == 0
     assert (out_dir / "p02_raw.fif").read_text() == str(len(orbapi.read(study[1]).samples))
 
+    def no_mne(rec, path):
+        raise ImportError("mne is not installed; install it with: pip install 'orbapi[mne]'")
+
+    fake.write_fif = no_mne  # the module is there, MNE is not: a set-up error, not a bad recording
+    code, _, err = run(capsys, "convert", *study, "-o", str(out_dir), "--format", "fif")
+    assert code == 2 and err.count("orbapi[mne]") == 1
+
     monkeypatch.setitem(sys.modules, "orbapi.toolkits", None)
     monkeypatch.delattr(orbapi, "toolkits")
     code, _, err = run(capsys, "convert", *study, "-o", str(out_dir), "--format", "fif")
