@@ -254,6 +254,9 @@ def main(argv=None) -> int:
     except UsageError as e:
         _error(str(e))
         return EXIT_USAGE
+    except OSError as e:  # the output cannot be written
+        _error(many.reason(e))
+        return EXIT_FAILED
     except KeyboardInterrupt:
         _error("interrupted")
         return 130
@@ -506,15 +509,16 @@ def run_convert(args) -> int:
             _error(f"{p.path}: {p.error}")
 
     try:
-        result = many.convert(
-            paths,
+        with many.LogCapture():  # failures are reported here, not logged
+            result = many.convert(
+                paths,
             args.output,
-            format=args.format,
-            jobs=args.jobs,
-            tables=args.tables or many.TABLES,
-            progress=progress,
-            **options,
-        )
+                format=args.format,
+                jobs=args.jobs,
+                tables=args.tables or many.TABLES,
+                progress=progress,
+                **options,
+            )
     except ImportError as e:
         raise UsageError(str(e))
     finally:

@@ -58,7 +58,7 @@ def reason(exc: BaseException) -> str:
     if isinstance(exc, OSError) and exc.strerror:
         where = f": {exc.filename}" if exc.filename else ""
         return f"{exc.strerror}{where}"
-    text = str(exc).strip() or type(exc).__name__
+    text = str(getattr(exc, "reason", None) or exc).strip() or type(exc).__name__
     return "; ".join(line.strip() for line in text.splitlines() if line.strip())
 
 
@@ -174,8 +174,9 @@ def read_many(paths, *, jobs: int | None = None, **read_options):
     ``info`` of each recording, ``info["files"]`` their paths.
 
     Raises what :func:`orbapi.read` raises for the first recording that
-    fails (``FileNotFoundError``, :class:`~orbapi.OrbError`, with the
-    path added to the message).
+    fails: ``FileNotFoundError``, or :class:`~orbapi.OrbError` whose text
+    starts with the path (``e.path``) and whose ``e.reason`` is the
+    library's.
 
     Example::
 
@@ -189,7 +190,9 @@ def read_many(paths, *, jobs: int | None = None, **read_options):
         try:
             return orbapi.read(path, **read_options)
         except orbapi.OrbError as e:
-            raise type(e)(f"{labels[i]}: {reason(e)}") from e
+            err = type(e)(f"{labels[i]}: {reason(e)}")
+            err.reason, err.path = getattr(e, "reason", str(e)), labels[i]
+            raise err from e
 
     recordings = _run_threads(list(paths), work, jobs)
     return combine(recordings, labels)
@@ -371,7 +374,6 @@ def convert(
                     result.rows[t] = result.rows.get(t, 0) + n
         else:
             result.failed[path] = reason(exc)
-            _log.warning("%s: %s", path, result.failed[path])
         done[0] += 1
         if progress is not None:
             progress(
@@ -381,6 +383,9 @@ def convert(
 
     with LogCapture() as capture:
         _run_threads(paths, work, jobs, on_done)
+    for path in paths:
+        if path in result.failed:
+            _log.warning("%s skipped: %s", path, result.failed[path])
     order = {p: k for k, p in enumerate(paths)}
     result.converted.sort(key=order.__getitem__)
     result.failed = dict(sorted(result.failed.items(), key=lambda kv: order[kv[0]]))

@@ -46,8 +46,9 @@ def test_read_many_on_two_threads_equals_one_thread_and_each_read(paths):
 
 def test_read_many_raises_for_the_first_failure(tmp_path, paths):
     broken = typical(damage="bad_magic").write(tmp_path / "broken.orb")
-    with pytest.raises(orbapi.OrbError, match="broken.orb: "):
+    with pytest.raises(orbapi.OrbError, match="broken.orb: ") as failed:
         orbapi.read_many([*paths, broken], jobs=2)
+    assert failed.value.path == broken and failed.value.reason.startswith("Bad magic")
     with pytest.raises(FileNotFoundError):
         orbapi.read_many([paths[0], tmp_path / "missing.orb"])
     with pytest.raises(TypeError):
