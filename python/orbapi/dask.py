@@ -130,6 +130,8 @@ def meta_frame(table, labels, read_options, variables=None):
 
     opts = {k: v for k, v in read_options.items() if k != "variables"}
     empty = getattr(orbapi.read(EMPTY_RECORDING, **opts), table).iloc[:0]
+    text = pd.Series(["text"]).dtype  # what pandas makes of text (object, or str from pandas 3 on)
+    empty = empty.astype({c: text for c in empty.columns if empty[c].dtype == object})
     frame = _with_file(empty, pd.Categorical.from_codes([], categories=list(dict.fromkeys(labels))))
     for name, dtype in (variables or {}).items():
         frame[name] = pd.Series([], dtype=dtype)
