@@ -67,7 +67,7 @@ error.
 """
 
 
-class UsageError(Exception):
+class _UsageError(Exception):
     """A mistake in the command line: reported, exit status 2."""
 
 
@@ -123,7 +123,7 @@ def _add_consistency(p, default):
     )
 
 
-def build_parser(command: str | None = None) -> argparse.ArgumentParser:
+def _build_parser(command: str | None = None) -> argparse.ArgumentParser:
     """The command-line parser.  ``command`` is the subcommand about to run:
     the options of ``plot`` are loaded only when it is."""
     from . import __version__
@@ -137,12 +137,12 @@ def build_parser(command: str | None = None) -> argparse.ArgumentParser:
     parser.add_argument("--version", action="version", version=f"orb {__version__}")
     sub = parser.add_subparsers(dest="command", metavar="COMMAND")
 
-    info = _command(sub, "info", run_info, "summarise recordings", "Summarise recordings, one after another.",
+    info = _command(sub, "info", _run_info, "summarise recordings", "Summarise recordings, one after another.",
                     INFO_EPILOG, "recordings (.orb)")
     info.add_argument("--json", action="store_true", help="print a JSON list, one object per recording")
     _add_consistency(info, 2)
 
-    conv = _command(sub, "convert", run_convert, "write the tables of recordings as Parquet, CSV or TSV",
+    conv = _command(sub, "convert", _run_convert, "write the tables of recordings as Parquet, CSV or TSV",
                     "Write every chosen table of every recording to a folder.", CONVERT_EPILOG,
                     "recordings (.orb), or folders holding them")
     conv.add_argument("-o", "--output", required=True, metavar="DIR", help="folder to write to (made if missing)")
@@ -176,7 +176,7 @@ def build_parser(command: str | None = None) -> argparse.ArgumentParser:
         type=_jobs,
         default=None,
         metavar="N",
-        help="recordings converted at once (default: one per processor)",
+        help="recordings converted at once, each held in memory meanwhile (default: one per processor)",
     )
 
     _add_plot(sub, command == "plot")
@@ -239,9 +239,16 @@ def _command_of(argv):
 
 def main(argv=None) -> int:
     """Runs ``orb`` with ``argv`` (default: the command line) and returns the
-    exit status."""
+    exit status.
+
+    Example::
+
+        >>> from orbapi import cli
+        >>> cli.main(["convert", "study/", "-o", "out", "--jobs", "2"])
+        0
+    """
     argv = list(sys.argv[1:] if argv is None else argv)
-    parser = build_parser(_command_of(argv))
+    parser = _build_parser(_command_of(argv))
     try:
         args = parser.parse_args(argv)
     except SystemExit as e:
@@ -251,7 +258,7 @@ def main(argv=None) -> int:
         return EXIT_USAGE
     try:
         return args.run(args)
-    except UsageError as e:
+    except _UsageError as e:
         _error(str(e))
         return EXIT_USAGE
     except OSError as e:  # the output cannot be written
@@ -267,8 +274,15 @@ def main(argv=None) -> int:
 
 
 def summarize(path, *, consistency=2, capture=None) -> dict:
-    """What ``orb info`` shows about one recording, as a dict.  A recording
-    the library refuses gives ``{"file": path, "error": reason}``."""
+    """What ``orb info`` shows about one recording, as a dict (the objects of
+    ``orb info --json``).  A recording the library refuses gives
+    ``{"file": path, "error": reason, "damage": [...]}``.
+
+    Example::
+
+        >>> cli.summarize("run1.orb")["blocks"][0]
+        {'start_ms': 100000, 'end_ms': 100400, 'duration_ms': 400, 'sample_rate': 1000.0, 'eyes': 'both'}
+    """
     import numpy as np
 
     import orbapi
@@ -322,7 +336,7 @@ def summarize(path, *, consistency=2, capture=None) -> dict:
     }
 
 
-def run_info(args) -> int:
+def _run_info(args) -> int:
     status = EXIT_OK
     reports = []
     with many.LogCapture() as capture:
@@ -349,7 +363,12 @@ def _n(x):
 
 
 def format_summary(r: dict) -> str:
-    """The text of ``orb info`` for one summary from :func:`summarize`."""
+    """The text of ``orb info`` for one summary from :func:`summarize`.
+
+    Example::
+
+        >>> print(cli.format_summary(cli.summarize("run1.orb")))
+    """
     lines = [r["file"]]
     row = lambda key, value: lines.append(f"  {key:<11}{value}")  # noqa: E731
     if r["error"]:
@@ -404,7 +423,7 @@ def _damage_rows(damage, row, most=8):
 # orb convert
 
 
-class ProgressBar:
+class _ProgressBar:
     """Recordings done, samples per second and time left, redrawn in place
     on a terminal.  Time left is estimated from the sizes of the files: the
     bytes converted so far took the time so far."""
@@ -489,18 +508,18 @@ def _clock(seconds):
     return f"{s // 3600}:{s // 60 % 60:02d}:{s % 60:02d}" if s >= 3600 else f"{s // 60}:{s % 60:02d}"
 
 
-def run_convert(args) -> int:
+def _run_convert(args) -> int:
     paths = many.expand_paths(args.files)
     if not paths:
-        raise UsageError("no recordings: the folders given hold no .orb files")
+        raise _UsageError("no recordings: the folders given hold no .orb files")
     if os.path.exists(args.output) and not os.path.isdir(args.output):
-        raise UsageError(f"{args.output} exists and is not a folder")
+        raise _UsageError(f"{args.output} exists and is not a folder")
     if args.format == "fif" and args.tables is not None:
-        raise UsageError("--tables does not apply to --format fif (one file per recording)")
+        raise _UsageError("--tables does not apply to --format fif (one file per recording)")
     options = dict(
         consistency=args.consistency, velocities=args.velocities, camera=args.camera, variables=args.variables
     )
-    bar = ProgressBar(paths, sys.stderr) if sys.stderr.isatty() else None
+    bar = _ProgressBar(paths, sys.stderr) if sys.stderr.isatty() else None
 
     def progress(p):
         if bar is not None:
@@ -520,15 +539,15 @@ def run_convert(args) -> int:
                 **options,
             )
     except ImportError as e:
-        raise UsageError(str(e))
+        raise _UsageError(str(e))
     finally:
         if bar is not None:
             bar.close()
-    print(summary_line(result, args.format, len(paths)), flush=True)
+    print(_summary_line(result, args.format, len(paths)), flush=True)
     return EXIT_FAILED if result.failed else EXIT_OK
 
 
-def summary_line(result: many.ConvertResult, fmt: str, total: int) -> str:
+def _summary_line(result: many.ConvertResult, fmt: str, total: int) -> str:
     seconds = max(result.seconds, 1e-9)
     text = (
         f"Converted {len(result.converted)} of {total} recording{'s' if total != 1 else ''} to "

@@ -123,7 +123,18 @@ def meta_frame(table, labels, read_options, variables=None):
     :func:`orbapi.read` gives it with ``read_options``, a ``file``
     categorical in front and the ``variables`` (name → dtype) at the end.
 
-    Made from a recording without items, so no file is read."""
+    Made from a recording without items, so no file is read.
+
+    Example::
+
+        >>> orbapi.dask.meta_frame("messages", ["a.orb"], {}).dtypes
+        file     category
+        time       uint32
+        text          str
+        block       int32
+        trial       int32
+        dtype: object
+    """
     import pandas as pd
 
     import orbapi

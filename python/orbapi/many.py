@@ -43,7 +43,7 @@ def _need(module: str, extra: str):
         ) from e
 
 
-def default_jobs(count: int) -> int:
+def _default_jobs(count: int) -> int:
     """The number of threads used when ``jobs`` is None: one per processor,
     no more than there are recordings."""
     return max(1, min(count, os.cpu_count() or 1))
@@ -52,7 +52,16 @@ def default_jobs(count: int) -> int:
 def reason(exc: BaseException) -> str:
     """The reason a recording could not be read or written, on one line.
 
-    For an :class:`~orbapi.OrbError` that is the library's own reason."""
+    For an :class:`~orbapi.OrbError` that is the library's own reason.
+
+    Example::
+
+        >>> try:
+        ...     orbapi.read("junk.orb")
+        ... except Exception as e:
+        ...     print(many.reason(e))
+        Bad magic.  Corrupt orb file.
+    """
     if isinstance(exc, FileNotFoundError):
         return f"no such file: {exc.filename or exc}"
     if isinstance(exc, OSError) and exc.strerror:
@@ -65,7 +74,16 @@ def reason(exc: BaseException) -> str:
 class LogCapture(logging.Handler):
     """Collects the library's log lines per reading thread, while active,
     and keeps them from the console.  Use as a context manager; a thread
-    calls :meth:`take` after each read to get that read's lines."""
+    calls :meth:`take` after each read to get that read's lines.
+
+    Example::
+
+        >>> with many.LogCapture() as capture:
+        ...     rec = orbapi.read("gappy.orb", consistency=2)
+        ...     lines = capture.take()
+        >>> lines[0]
+        'Missing 5 samples. Inserting dummy samples'
+    """
 
     def __init__(self):
         super().__init__(logging.DEBUG)
@@ -95,7 +113,13 @@ class LogCapture(logging.Handler):
 
 def expand_paths(paths: Iterable) -> list[str]:
     """The recordings named by ``paths``: a folder stands for every ``.orb``
-    file below it (sorted), anything else for itself."""
+    file below it (sorted), anything else for itself.
+
+    Example::
+
+        >>> many.expand_paths(["study/", "extra/p99.orb"])
+        ['study/p01.orb', 'study/p02.orb', 'extra/p99.orb']
+    """
     out = []
     for p in paths:
         p = os.fspath(p)
@@ -113,7 +137,13 @@ def expand_paths(paths: Iterable) -> list[str]:
 
 def output_names(paths: Sequence[str]) -> list[str]:
     """One output name per recording: the file name without its suffix, with
-    ``-2``, ``-3``, ... added where two recordings share a name."""
+    ``-2``, ``-3``, ... added where two recordings share a name.
+
+    Example::
+
+        >>> many.output_names(["s1/run.orb", "s2/run.orb"])
+        ['run', 'run-2']
+    """
     names, used = [], set()
     for p in paths:
         stem = Path(p).stem or "recording"
@@ -134,7 +164,7 @@ def _run_threads(items: Sequence, work: Callable, jobs: int | None, on_done: Cal
     results = [None] * len(items)
     if not items:
         return results
-    jobs = default_jobs(len(items)) if jobs is None else int(jobs)
+    jobs = _default_jobs(len(items)) if jobs is None else int(jobs)
     if jobs < 1:
         raise ValueError("jobs must be at least 1")
     with ThreadPoolExecutor(max_workers=jobs, thread_name_prefix="orbapi") as pool:
@@ -195,7 +225,7 @@ def read_many(paths, *, jobs: int | None = None, **read_options):
             raise err from e
 
     recordings = _run_threads(list(paths), work, jobs)
-    return combine(recordings, labels)
+    return _combine(recordings, labels)
 
 
 def _label(path) -> str:
@@ -204,7 +234,7 @@ def _label(path) -> str:
     return os.fspath(path)
 
 
-def combine(recordings, labels):
+def _combine(recordings, labels):
     """One Recording from several, each table with a first column ``file``:
     a categorical whose categories are ``labels`` (the paths as given)."""
     import numpy as np
@@ -231,7 +261,14 @@ def combine(recordings, labels):
 
 @dataclass
 class ConvertResult:
-    """What :func:`convert` and :func:`to_parquet` did."""
+    """What :func:`convert` and :func:`to_parquet` did.
+
+    Example::
+
+        >>> res = orbapi.to_parquet(paths, "out")
+        >>> for path, why in res.failed.items():
+        ...     print(f"{path} skipped: {why}")
+    """
 
     out_dir: str
     #: the recordings converted, in the order given
@@ -259,7 +296,12 @@ class ConvertResult:
 @dataclass
 class Progress:
     """Handed to the ``progress`` callback of :func:`convert` after each
-    recording, on the calling thread."""
+    recording, on the calling thread.
+
+    Example::
+
+        >>> orbapi.to_parquet(paths, "out", progress=lambda p: print(f"{p.done}/{p.total} {p.path}"))
+    """
 
     done: int  # recordings finished (converted or failed)
     total: int
@@ -444,7 +486,7 @@ class _TableWriter:
         rows = {}
         label = os.fspath(path)
         for t in self.tables:
-            table = with_file_column(arrow_table(rec.columns(t)), label)
+            table = _with_file_column(_arrow_table(rec.columns(t)), label)
             rows[t] = table.num_rows
             if t == "trials":
                 with self.lock:
@@ -456,7 +498,7 @@ class _TableWriter:
     def finish(self, out):
         if not self.trials:
             return []
-        tables = unify_tables([t for _, t in self.trials])
+        tables = _unify_tables([t for _, t in self.trials])
         return [self._write(t, out, "trials", name) for (name, _), t in zip(self.trials, tables)]
 
     def _write(self, table, out, t, name):
@@ -485,7 +527,7 @@ PARQUET_OPTIONS = dict(
 )
 
 
-def arrow_table(columns):
+def _arrow_table(columns):
     """A pyarrow Table over numpy ``columns`` (not copied).  Columns without
     nulls are declared so, which makes them cheaper to write and read."""
     import pyarrow as pa
@@ -495,7 +537,7 @@ def arrow_table(columns):
     return pa.Table.from_arrays(arrays, schema=pa.schema(fields))
 
 
-def with_file_column(table, label: str):
+def _with_file_column(table, label: str):
     """``table`` with a first column ``file``: ``label`` on every row, as a
     dictionary of strings."""
     import numpy as np
@@ -524,7 +566,7 @@ def _for_text(table):
     return pa.table(columns, names=table.column_names)
 
 
-def unify_tables(tables: list) -> list:
+def _unify_tables(tables: list) -> list:
     """The tables with one schema: a column missing from one is added as
     nulls; integers meeting floats become float64; numbers meeting text
     become text.  Column order: the first table's, then new columns in
