@@ -198,6 +198,8 @@ int orb_get_preamble_text(_ORBFILE* ef, char* buffer, int length)
 
 const char* orb_get_version(void) { return "3.1 Linux Sep  2 2011"; }
 
+const char* orb_library_version(void) { return ORBAPI_VERSION_STRING; }
+
 int orb_get_revision(_ORBFILE* ef) { return int16_t(file(ef)->trackerRevision); }
 int orb_get_oculant_revision(_ORBFILE* ef) { return int16_t(file(ef)->trackerModel); }
 

@@ -1,0 +1,680 @@
+// Columnar reading: every column value is what a full cursor walk hands
+// out, for every kind of recording and every open argument; failures,
+// cancelling and reading from memory.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "ORBFile.h"
+#include "Recordings.h"
+#include "orbapi.h"
+
+using namespace orbtest;
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Recordings
+
+struct Shape {
+    double rate = 1000.0;
+    int eyes = 3;                 // 1 left, 2 right, 3 both
+    bool highSpeed = false;       // the tracker model of the high-speed filter
+    uint32_t t0 = 10000;          // time of the first block
+    int blocks = 2;
+    int samples = 700;            // per block
+    bool compressed = false;
+    bool gaps = false;            // drop a few samples now and then
+};
+
+// Samples with every group and both camera encodings, fixations, saccades
+// with blinks in them, messages that open and close trials; events are
+// written a few samples after the time they describe, as a tracker does.
+OrbWriter makeRecording(const Shape& s)
+{
+    OrbWriter w;
+    w.compressed = s.compressed;
+    if (s.compressed) w.magic = "NORVANE_LAB_HSPDFILE ZIP\n";
+    w.preamble = {"VERSION: OCULANT MK 3\n", s.highSpeed ? "SOURCE: OCULANT HQ\n" : "SOURCE: OCULANT MK\n"};
+    const uint16_t eyeBits = uint16_t((s.eyes & 1 ? kLeft : 0) | (s.eyes & 2 ? kRight : 0));
+    const uint16_t flags = uint16_t(kSampleBit | eyeBits | kRaw | kSecond | kGaze | kRes | kPupil | kStatus |
+                                    kInput | kButtons | kExtra);
+    const int perMs = s.rate >= 2000.0 ? 2 : 1;
+    const uint32_t step = perMs == 2 ? 1 : uint32_t(1000.0 / s.rate);
+    uint32_t t = s.t0;
+    for (int b = 0; b < s.blocks; ++b) {
+        w.add(message(t - 3, "TRIALID " + std::to_string(b)));
+        w.add(blockStart(15, t, s.rate, flags, 10));
+        w.add(blockStart(17, t, s.rate, 0, 10, 10, 0x0312, uint16_t(eyeBits == kLeft ? 0x4000 : 0xC000)));
+        std::vector<std::pair<int, EventItem>> later; // written at sample index
+        uint32_t last = t;
+        bool first = true;
+        for (int i = 0; i < s.samples; ++i) {
+            const uint32_t ti = t + uint32_t(i / perMs) * step;
+            if (s.gaps && i % 150 == 77) continue;
+            SampleItem x;
+            x.flags = flags;
+            if (first || i % 211 == 5) {
+                x.flags |= kFullTime;
+                x.time = ti;
+                first = false;
+            } else {
+                x.step = uint8_t(ti - last);
+            }
+            const bool blink = i % 200 >= 120 && i % 200 < 140;
+            for (int e = 0; e < 2; ++e) {
+                x.raw[e][0] = int16_t(100 + i + e);
+                x.raw[e][1] = int16_t(-50 - i);
+                x.second[e][0] = int16_t(300 - i);
+                x.second[e][1] = int16_t(20 + e);
+                x.gaze[e][0] = blink ? int16_t(-32768) : int16_t(5000 + 13 * (i % 97) + e);
+                x.gaze[e][1] = blink ? int16_t(-32768) : int16_t(3000 - 7 * (i % 53));
+                // Every third sample uses the packed camera encoding.
+                x.pupil[e] = blink ? int16_t(0) : i % 3 == 0 ? int16_t(-32000 + i % 300) : int16_t(900 + e);
+            }
+            x.res[0] = int16_t(380 + i % 5);
+            x.res[1] = int16_t(390 - i % 4);
+            x.status = uint16_t(i % 7);
+            x.input = uint16_t(0x1234 + i);
+            x.buttons = uint16_t(i % 2);
+            x.extraType = i % 5 == 0 ? 196 : i % 5 == 1 ? 200 : 0x08;
+            // The type byte's low four bits count the words.
+            x.extra = {uint16_t(1200 + i), uint16_t(800 - i), uint16_t(1300 + i), 700, 1500, 60, 0x1E28, 0x0A14};
+            x.extra.resize(size_t(x.extraType & 0x0F));
+            w.add(x);
+            last = ti;
+
+            const uint32_t e0 = ti;
+            for (int e = 0; e < 2; ++e) {
+                if (!(s.eyes & (1 << e))) continue;
+                if (i % 200 == 10) later.push_back({i + 6, EventItem(SFIX, e).start(e0).words(42, 5000, 3000)});
+                if (i % 200 == 100)
+                    later.push_back({i + 4, EventItem(EFIX, e).start(e0 - 90).end(e0).words(106, 5100, 3100)
+                                                .word(115, 900).words(43, 380, 390).words(75, 381, 391)});
+                if (i % 200 == 110) later.push_back({i + 3, EventItem(SSACC, e).start(e0).words(42, 5000, 3000)});
+                if (i % 200 == 120) later.push_back({i + 9, EventItem(SBLINK, e).start(e0)});
+                if (i % 200 == 139) later.push_back({i + 2, EventItem(EBLINK, e).start(e0 - 19).end(e0)});
+                if (i % 200 == 150)
+                    later.push_back({i + 4, EventItem(ESACC, e).start(e0 - 40).end(e0).words(74, 5200, 3200)
+                                                .word(114, 3500).word(147, 12)});
+            }
+            if (i == 40) w.add(message(ti, "SYNCTIME"));
+            if (i == 333) w.add(EventItem(POINT9, 0).start(ti).words(41, 7, -8));
+            for (auto& [at, item] : later)
+                if (at == i) w.add(item);
+        }
+        for (auto& [at, item] : later)
+            if (at >= s.samples) w.add(item);
+        w.add(message(last, "TRIAL_RESULT " + std::to_string(b)));
+        w.add(blockEnd(16, last + 1));
+        w.add(blockEnd(18, last + 1));
+        t = last + 40;
+    }
+    return w;
+}
+
+std::string writeRecording(const Shape& s) { return makeRecording(s).write(); }
+
+// The recording with its last `cut` bytes missing.
+std::string truncated(const Shape& s, size_t cut)
+{
+    Bytes b = makeRecording(s).build();
+    b.resize(b.size() - cut);
+    return OrbWriter::writeFile(b);
+}
+
+// ---------------------------------------------------------------------------
+// The expected columns: a cursor walk's records, laid out as the header
+// describes the columns.
+
+struct ColumnValues {
+    std::string name;
+    int type;
+    std::vector<uint64_t> bits; // one element's bytes per row
+};
+
+class TableValues {
+public:
+    // A value for the current row; the first row also names the columns.
+    template <class T>
+    void put(const std::string& name, int type, T v)
+    {
+        static_assert(sizeof(T) <= 8, "element size");
+        uint64_t b = 0;
+        std::memcpy(&b, &v, sizeof v);
+        if (rows_ == 0) cols_.push_back({name, type, {}});
+        ASSERT_LT(at_, cols_.size());
+        ASSERT_EQ(cols_[at_].name, name);
+        cols_[at_++].bits.push_back(b);
+    }
+    template <class T>
+    void pair(const std::string& name, int type, const T (&v)[2])
+    {
+        put(name + "_left", type, v[0]);
+        put(name + "_right", type, v[1]);
+    }
+    void endRow() { ++rows_; at_ = 0; }
+
+    size_t rows() const { return rows_; }
+    const std::vector<ColumnValues>& columns() const { return cols_; }
+
+private:
+    std::vector<ColumnValues> cols_;
+    size_t rows_ = 0;
+    size_t at_ = 0;
+};
+
+constexpr int U8 = ORB_COLUMN_UINT8, I16 = ORB_COLUMN_INT16, U16 = ORB_COLUMN_UINT16,
+              I32 = ORB_COLUMN_INT32, U32 = ORB_COLUMN_UINT32, F32 = ORB_COLUMN_FLOAT32,
+              U64 = ORB_COLUMN_UINT64;
+
+size_t elementSize(int type) { return type == U8 ? 1 : type <= U16 ? 2 : type == U64 ? 8 : 4; }
+
+void putSample(TableValues& t, _ORBFILE* f, const FSAMPLE& fs, int flags)
+{
+    t.put("time", U32, fs.time);
+    t.pair("raw_x", F32, fs.rawX);
+    t.pair("raw_y", F32, fs.rawY);
+    t.pair("second_x", F32, fs.secondX);
+    t.pair("second_y", F32, fs.secondY);
+    t.pair("pupil_size", F32, fs.pupilSize);
+    t.pair("gaze_x", F32, fs.gazeX);
+    t.pair("gaze_y", F32, fs.gazeY);
+    t.put("resolution_x", F32, fs.resolutionX);
+    t.put("resolution_y", F32, fs.resolutionY);
+    if (flags & ORB_COLUMNS_VELOCITIES) {
+        t.pair("gaze_vel_x", F32, fs.gazeVelX);
+        t.pair("gaze_vel_y", F32, fs.gazeVelY);
+        t.pair("second_vel_x", F32, fs.secondVelX);
+        t.pair("second_vel_y", F32, fs.secondVelY);
+        t.pair("raw_vel_x", F32, fs.rawVelX);
+        t.pair("raw_vel_y", F32, fs.rawVelY);
+        t.pair("fast_gaze_vel_x", F32, fs.fastGazeVelX);
+        t.pair("fast_gaze_vel_y", F32, fs.fastGazeVelY);
+        t.pair("fast_second_vel_x", F32, fs.fastSecondVelX);
+        t.pair("fast_second_vel_y", F32, fs.fastSecondVelY);
+        t.pair("fast_raw_vel_x", F32, fs.fastRawVelX);
+        t.pair("fast_raw_vel_y", F32, fs.fastRawVelY);
+    }
+    for (int i = 0; i < 8; ++i) t.put("extra_data_" + std::to_string(i), U16, fs.extraData[i]);
+    t.put("flags", U16, fs.flags);
+    t.put("input", U16, fs.input);
+    t.put("buttons", U16, fs.buttons);
+    t.put("extra_type", I16, fs.extraType);
+    t.put("status", U16, fs.status);
+    if (!(flags & ORB_COLUMNS_CAMERA)) return;
+    // The accessors on a copy of the sample.
+    FSAMPLE c = fs;
+    int v[8][2];
+    float xy[8][2][2];
+    for (int e = 0; e < 2; ++e) {
+        v[0][e] = orb_get_uncorrected_pupil_area(f, &c, e);
+        v[1][e] = orb_get_uncorrected_cr_area(f, &c, e);
+        v[2][e] = orb_get_uncorrected_cr2_area(f, &c, e);
+        int dim[2];
+        orb_get_pupil_dimension(f, &c, e, dim);
+        v[3][e] = dim[0];
+        v[4][e] = dim[1];
+        orb_get_uncorrected_raw_pupil(f, &c, e, xy[0][e]);
+        orb_get_uncorrected_raw_cr(f, &c, e, xy[1][e]);
+        orb_get_uncorrected_raw_cr2(f, &c, e, xy[2][e]);
+        orb_get_pupil_cr(f, &c, e, xy[3][e]);
+    }
+    t.pair("pupil_area", I32, v[0]);
+    t.pair("cr_area", I32, v[1]);
+    t.pair("cr2_area", I32, v[2]);
+    t.pair("pupil_width", I32, v[3]);
+    t.pair("pupil_height", I32, v[4]);
+    int wh[2];
+    orb_get_cr_dimension(f, &c, wh);
+    t.put("cr_width", I32, wh[0]);
+    t.put("cr_height", I32, wh[1]);
+    orb_get_window_position(f, &c, wh);
+    t.put("window_x", I32, wh[0]);
+    t.put("window_y", I32, wh[1]);
+    const char* names[4] = {"raw_pupil", "raw_cr", "raw_cr2", "pupil_cr"};
+    for (int k = 0; k < 4; ++k) {
+        float x[2] = {xy[k][0][0], xy[k][1][0]};
+        float y[2] = {xy[k][0][1], xy[k][1][1]};
+        t.pair(std::string(names[k]) + "_x", F32, x);
+        t.pair(std::string(names[k]) + "_y", F32, y);
+    }
+}
+
+void putEvent(TableValues& t, const FEVENT& fe, uint64_t textOffset, uint32_t textLength)
+{
+    t.put("time", U32, fe.time);
+    t.put("type", U16, fe.type);
+    t.put("contents", U16, fe.contents);
+    t.put("start_time", U32, fe.startTime);
+    t.put("end_time", U32, fe.endTime);
+    const std::pair<const char*, float> floats[] = {
+        {"start_pos_x", fe.startPosX}, {"start_pos_y", fe.startPosY}, {"start_gaze_x", fe.startGazeX},
+        {"start_gaze_y", fe.startGazeY}, {"start_scalar", fe.startScalar}, {"end_pos_x", fe.endPosX},
+        {"end_pos_y", fe.endPosY}, {"end_gaze_x", fe.endGazeX}, {"end_gaze_y", fe.endGazeY},
+        {"end_scalar", fe.endScalar}, {"avg_pos_x", fe.avgPosX}, {"avg_pos_y", fe.avgPosY},
+        {"avg_gaze_x", fe.avgGazeX}, {"avg_gaze_y", fe.avgGazeY}, {"avg_scalar", fe.avgScalar},
+        {"avg_pupil", fe.avgPupil}, {"peak_pupil", fe.peakPupil}, {"start_pupil", fe.startPupil},
+        {"end_pupil", fe.endPupil}, {"start_res_x", fe.startResX}, {"end_res_x", fe.endResX},
+        {"start_res_y", fe.startResY}, {"end_res_y", fe.endResY}};
+    for (const auto& [name, v] : floats) t.put(name, F32, v);
+    t.put("eye", I16, fe.eye);
+    t.put("aux0", U16, fe.aux0);
+    t.put("block_flags", U16, fe.blockFlags);
+    t.put("block_flags2", U16, fe.blockFlags2);
+    t.put("block_option", U16, fe.blockOption);
+    t.put("item_tag", U16, fe.itemTag);
+    t.put("message_offset", U64, textOffset);
+    t.put("message_length", U32, textLength);
+}
+
+void putBlock(TableValues& t, const Recording& r)
+{
+    t.put("time", U32, r.time);
+    t.put("sample_rate", F32, r.sampleRate);
+    t.put("event_flags", U16, r.eventFlags);
+    t.put("sample_flags", U16, r.sampleFlags);
+    t.put("state", U8, r.state);
+    t.put("record_type", U8, r.recordType);
+    t.put("filter_flag", U8, r.filterFlag);
+    t.put("mode_flag", U8, r.modeFlag);
+    t.put("mode_level", U8, r.modeLevel);
+    t.put("block_option2", U8, r.blockOption2);
+    t.put("eyes", U8, r.eyes);
+}
+
+struct Walk {
+    TableValues tables[4];
+    std::string text;
+    size_t items = 0;
+    int lastIndex = -1; // of the last item handed out
+};
+
+struct ReadArgs {
+    int consistency = 0;
+    int events = 1;
+    int samples = 1;
+    int flags = ORB_COLUMNS_VELOCITIES | ORB_COLUMNS_CAMERA;
+    const char* trialStart = nullptr;
+    const char* trialEnd = nullptr;
+};
+
+// The cursor walk, with the trial list built first.
+Walk walkWithCursor(const std::string& path, const ReadArgs& a)
+{
+    Walk w;
+    int err = 0;
+    _ORBFILE* f = orb_open_file(path.c_str(), a.consistency, a.events, a.samples, &err);
+    if (!f) {
+        ADD_FAILURE() << "the cursor cannot open " << path;
+        return w;
+    }
+    std::string start = a.trialStart ? a.trialStart : "TRIALID";
+    std::string end = a.trialEnd ? a.trialEnd : "";
+    orb_set_trial_identifier(f, &start[0], a.trialEnd ? &end[0] : nullptr);
+    const ORBFile& file = *reinterpret_cast<ORBFile*>(f);
+    const std::vector<ORBTrial>& trials = file.trials;
+    w.items = size_t(orb_get_element_count(f));
+
+    // Blocks by their starts in delivery order; trials by index span.
+    std::map<const Recording*, int> blockOf;
+    int block = -1;
+    int blocks = 0;
+    auto trialOf = [&](int index) {
+        int found = -1;
+        for (size_t i = 0; i < trials.size(); ++i)
+            if (int(trials[i].startIndex) <= index && index < int(trials[i].endIndex)) found = int(i);
+        return found;
+    };
+    for (;;) {
+        const int index = orb_get_element_index(f);
+        const int code = orb_get_next_data(f);
+        if (code == NO_MORE_ITEMS) break;
+        const ALLF_DATA* d = orb_get_float_data(f);
+        if (!d) continue;
+        w.lastIndex = index;
+        if (code == RECORDING) {
+            if (d->rec.state == 1) {
+                block = blocks++;
+                blockOf[file.items[size_t(index)].rec] = block;
+            }
+            TableValues& t = w.tables[ORB_TABLE_BLOCKS];
+            putBlock(t, d->rec);
+            t.put("index", I32, index);
+            t.put("block", I32, block);
+            t.endRow();
+            if (d->rec.state != 1) block = -1;
+            continue;
+        }
+        TableValues& t = w.tables[code == SAMPLE ? ORB_TABLE_SAMPLES : ORB_TABLE_EVENTS];
+        if (code == SAMPLE) {
+            putSample(t, f, d->fs, a.flags);
+        } else {
+            const ORB_MESSAGE* m = d->fe.message;
+            const uint32_t n = m ? uint32_t(std::max<int>(0, m->length)) : 0;
+            putEvent(t, d->fe, w.text.size(), n);
+            if (m) w.text.append(m->text, n);
+        }
+        t.put("index", I32, index);
+        t.put("block", I32, block);
+        t.put("trial", I32, trialOf(index));
+        t.endRow();
+    }
+    for (int i = 0; i < orb_get_trial_count(f); ++i) {
+        TRIAL tr{};
+        orb_jump_to_trial(f, i);
+        orb_get_trial_header(f, &tr);
+        TableValues& t = w.tables[ORB_TABLE_TRIALS];
+        t.put("block", I32, tr.rec && blockOf.count(tr.rec) ? blockOf[tr.rec] : -1);
+        t.put("duration", U32, tr.trialWord);
+        t.put("start_time", U32, tr.startTime);
+        t.put("end_time", U32, tr.endTime);
+        t.put("start_index", U32, uint32_t(orb_get_element_index(f)));
+        t.put("end_index", U32, trials[size_t(i)].endIndex);
+        t.endRow();
+    }
+    orb_close_file(f);
+    return w;
+}
+
+ORB_COLUMNS* readColumns(const std::string& path, const ReadArgs& a, int* err = nullptr)
+{
+    return orb_read_columns(path.c_str(), a.consistency, a.events, a.samples, a.flags, a.trialStart,
+                            a.trialEnd, nullptr, nullptr, err);
+}
+
+// Every column of every table, bit for bit, and the message texts.
+void expectSameAsWalk(const ORB_COLUMNS* c, const Walk& w)
+{
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(orb_columns_items(c), w.items);
+    for (int table = ORB_TABLE_SAMPLES; table <= ORB_TABLE_TRIALS; ++table) {
+        const TableValues& want = w.tables[table];
+        const size_t rows = orb_columns_rows(c, table);
+        ASSERT_EQ(rows, want.rows()) << "table " << table;
+        if (rows == 0) continue;
+        ASSERT_EQ(size_t(orb_columns_count(c, table)), want.columns().size()) << "table " << table;
+        for (size_t i = 0; i < want.columns().size(); ++i) {
+            const ColumnValues& v = want.columns()[i];
+            ORB_COLUMN col{};
+            ASSERT_EQ(orb_columns_column(c, table, int(i), &col), 0);
+            ASSERT_STREQ(col.name, v.name.c_str()) << "table " << table << " column " << i;
+            ASSERT_EQ(col.type, v.type) << v.name;
+            const size_t size = elementSize(v.type);
+            const auto* data = static_cast<const unsigned char*>(col.data);
+            for (size_t r = 0; r < rows; ++r) {
+                uint64_t got = 0;
+                std::memcpy(&got, data + r * size, size);
+                ASSERT_EQ(got, v.bits[r]) << "table " << table << " column " << v.name << " row " << r;
+            }
+        }
+    }
+    size_t size = 0;
+    const char* text = orb_columns_text(c, &size);
+    ASSERT_EQ(size, w.text.size());
+    EXPECT_EQ(std::string(text ? text : "", size), w.text);
+}
+
+// Bit for bit the same columns.
+void expectSameColumns(const ORB_COLUMNS* a, const ORB_COLUMNS* b)
+{
+    ASSERT_NE(a, nullptr);
+    ASSERT_NE(b, nullptr);
+    for (int table = ORB_TABLE_SAMPLES; table <= ORB_TABLE_TRIALS; ++table) {
+        const size_t rows = orb_columns_rows(a, table);
+        ASSERT_EQ(rows, orb_columns_rows(b, table));
+        ASSERT_EQ(orb_columns_count(a, table), orb_columns_count(b, table));
+        for (int i = 0; i < orb_columns_count(a, table); ++i) {
+            ORB_COLUMN x{}, y{};
+            orb_columns_column(a, table, i, &x);
+            orb_columns_column(b, table, i, &y);
+            ASSERT_STREQ(x.name, y.name);
+            const size_t size = elementSize(x.type);
+            EXPECT_TRUE(rows == 0 || std::memcmp(x.data, y.data, rows * size) == 0) << x.name;
+        }
+    }
+    size_t na = 0, nb = 0;
+    const char* ta = orb_columns_text(a, &na);
+    const char* tb = orb_columns_text(b, &nb);
+    EXPECT_EQ(std::string(ta ? ta : "", na), std::string(tb ? tb : "", nb));
+    EXPECT_STREQ(orb_columns_preamble(a), orb_columns_preamble(b));
+}
+
+void expectColumnsMatchCursor(const std::string& path, const ReadArgs& a)
+{
+    const Walk w = walkWithCursor(path, a);
+    int err = 5;
+    ORB_COLUMNS* c = readColumns(path, a, &err);
+    EXPECT_EQ(err, 0);
+    expectSameAsWalk(c, w);
+    orb_free_columns(c);
+}
+
+// The open arguments that change what is read: each consistency mode, the
+// time adjustment off, and events or samples left out.
+void expectEveryReadMatchesCursor(const std::string& path, int tolerant = 0)
+{
+    const int args[][3] = {{0, 1, 1}, {1, 1, 1}, {2, 1, 1}, {10, 1, 1}, {2, 0, 1}, {0, 1, 0}};
+    for (const auto& [consistency, events, samples] : args) {
+        SCOPED_TRACE("consistency " + std::to_string(consistency | tolerant) + " events " +
+                     std::to_string(events) + " samples " + std::to_string(samples));
+        ReadArgs a;
+        a.consistency = consistency | tolerant;
+        a.events = events;
+        a.samples = samples;
+        expectColumnsMatchCursor(path, a);
+    }
+}
+
+void quiet(char*) {}
+
+class Columns : public testing::Test {
+protected:
+    void SetUp() override { orb_set_log_function(quiet); }
+    void TearDown() override { orb_set_log_function(nullptr); }
+};
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+
+TEST_F(Columns, EveryRateEyeAndFilterModelReadsAsTheCursorWalks)
+{
+    for (double rate : {250.0, 500.0, 1000.0, 2000.0})
+        for (int eyes : {1, 2, 3})
+            for (bool highSpeed : {false, true}) {
+                SCOPED_TRACE("rate " + std::to_string(rate) + " eyes " + std::to_string(eyes) +
+                             (highSpeed ? " high-speed" : " standard"));
+                Shape s;
+                s.rate = rate;
+                s.eyes = eyes;
+                s.highSpeed = highSpeed;
+                s.gaps = eyes == 3;
+                expectEveryReadMatchesCursor(writeRecording(s));
+            }
+}
+
+TEST_F(Columns, CompressedTimeOffsetAndTrialIdentifiers)
+{
+    Shape s;
+    s.compressed = true;
+    s.t0 = 300000000; // a clock that has run for days: times are shifted
+    s.blocks = 3;
+    const std::string path = writeRecording(s);
+    expectEveryReadMatchesCursor(path);
+
+    ReadArgs a;
+    a.trialStart = "SYNCTIME";
+    a.trialEnd = "TRIAL_RESULT";
+    expectColumnsMatchCursor(path, a);
+    a.trialStart = "NO SUCH MESSAGE";
+    a.trialEnd = nullptr;
+    expectColumnsMatchCursor(path, a);
+
+    ORB_COLUMNS* c = readColumns(path, ReadArgs{});
+    EXPECT_EQ(orb_columns_rows(c, ORB_TABLE_TRIALS), 3u);
+    EXPECT_EQ(orb_columns_revision(c), 3);
+    EXPECT_EQ(orb_columns_oculant_revision(c), 2);
+    EXPECT_STREQ(orb_columns_preamble(c), "** VERSION: OCULANT MK 3\n** SOURCE: OCULANT MK\n");
+    orb_free_columns(c);
+}
+
+TEST_F(Columns, WithoutTheOptionalGroupsTheOtherColumnsStayTheSame)
+{
+    const std::string path = writeRecording(Shape{});
+    ReadArgs all;
+    ORB_COLUMNS* full = readColumns(path, all);
+    for (int flags : {0, ORB_COLUMNS_VELOCITIES, ORB_COLUMNS_CAMERA}) {
+        ReadArgs a;
+        a.flags = flags;
+        expectColumnsMatchCursor(path, a);
+        ORB_COLUMNS* c = readColumns(path, a);
+        EXPECT_EQ(orb_columns_count(c, ORB_TABLE_SAMPLES),
+                  orb_columns_count(full, ORB_TABLE_SAMPLES) - (flags & ORB_COLUMNS_VELOCITIES ? 0 : 24) -
+                      (flags & ORB_COLUMNS_CAMERA ? 0 : 30));
+        for (int i = 0; i < orb_columns_count(c, ORB_TABLE_SAMPLES); ++i) {
+            ORB_COLUMN x{}, y{};
+            orb_columns_column(c, ORB_TABLE_SAMPLES, i, &x);
+            ASSERT_EQ(orb_columns_find(full, ORB_TABLE_SAMPLES, x.name, &y), 0) << x.name;
+            EXPECT_EQ(std::memcmp(x.data, y.data, orb_columns_rows(c, ORB_TABLE_SAMPLES) * elementSize(x.type)), 0) << x.name;
+        }
+        orb_free_columns(c);
+    }
+    ORB_COLUMN col{};
+    EXPECT_EQ(orb_columns_find(full, ORB_TABLE_EVENTS, "gaze_x_left", &col), -1);
+    EXPECT_EQ(orb_columns_column(full, ORB_TABLE_BLOCKS, orb_columns_count(full, ORB_TABLE_BLOCKS), &col), -1);
+    EXPECT_EQ(orb_columns_column(full, 7, 0, &col), -1);
+    EXPECT_EQ(orb_columns_rows(full, -1), 0u);
+    EXPECT_EQ(orb_columns_rows(nullptr, ORB_TABLE_SAMPLES), 0u);
+    orb_free_columns(full);
+    orb_free_columns(nullptr);
+}
+
+TEST_F(Columns, DamagedFilesEndWhereTheCursorsItemsEnd)
+{
+    for (bool compressed : {false, true}) {
+        Shape s;
+        s.compressed = compressed;
+        s.gaps = true;
+        const std::string whole = writeRecording(s);
+        const Walk all = walkWithCursor(whole, ReadArgs{});
+        for (size_t cut : {size_t(9), size_t(333), size_t(2500)}) {
+            SCOPED_TRACE(std::string(compressed ? "compressed" : "plain") + " cut " + std::to_string(cut));
+            const std::string path = truncated(s, cut);
+            expectEveryReadMatchesCursor(path, 4);
+            ReadArgs a;
+            a.consistency = 4;
+            const Walk w = walkWithCursor(path, a);
+            ORB_COLUMNS* c = readColumns(path, a);
+            const size_t rows = orb_columns_rows(c, ORB_TABLE_SAMPLES);
+            EXPECT_GT(rows, 0u);
+            EXPECT_LE(rows, all.tables[ORB_TABLE_SAMPLES].rows());
+            if (cut > 100) {
+                EXPECT_LT(rows, all.tables[ORB_TABLE_SAMPLES].rows());
+            }
+            ORB_COLUMN index{};
+            ASSERT_EQ(orb_columns_find(c, ORB_TABLE_SAMPLES, "index", &index), 0);
+            EXPECT_LE(static_cast<const int32_t*>(index.data)[rows - 1], w.lastIndex);
+            orb_free_columns(c);
+        }
+    }
+}
+
+TEST_F(Columns, ARecordingWithoutItems)
+{
+    const std::string path = OrbWriter().write();
+    expectEveryReadMatchesCursor(path);
+    ORB_COLUMNS* c = readColumns(path, ReadArgs{});
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(orb_columns_items(c), 0u);
+    ORB_COLUMN col{};
+    ASSERT_EQ(orb_columns_find(c, ORB_TABLE_SAMPLES, "gaze_x_left", &col), 0);
+    EXPECT_EQ(col.data, nullptr);
+    EXPECT_EQ(orb_columns_text(c, nullptr), nullptr);
+    orb_free_columns(c);
+}
+
+TEST_F(Columns, ARefusedFileGivesTheReasonTheLogGets)
+{
+    OrbWriter bad;
+    bad.magic = "NOT AN ORB FILE\n";
+    for (const std::string& path : {bad.write(), std::string("/no/such.orb")}) {
+        std::string logged;
+        {
+            LogCapture log;
+            int err = 0;
+            EXPECT_EQ(orb_open_file(path.c_str(), 0, 1, 1, &err), nullptr);
+            for (const std::string& l : log.lines()) logged += l;
+        }
+        orb_set_log_function(quiet);
+        int err = 0;
+        EXPECT_EQ(orb_read_columns(path.c_str(), 0, 1, 1, 0, nullptr, nullptr, nullptr, nullptr, &err), nullptr);
+        EXPECT_EQ(err, -1);
+        EXPECT_EQ(orb_get_last_error(), logged);
+        EXPECT_NE(logged, "");
+    }
+    // A success clears it.
+    ORB_COLUMNS* c = readColumns(writeRecording(Shape{}), ReadArgs{});
+    EXPECT_STREQ(orb_get_last_error(), "");
+    orb_free_columns(c);
+}
+
+TEST_F(Columns, ProgressRisesToOneAndCanCancel)
+{
+    Shape s;
+    s.blocks = 40;
+    s.samples = 4000;
+    const std::string path = writeRecording(s);
+    std::vector<double> seen;
+    auto record = [](double fraction, void* user) {
+        static_cast<std::vector<double>*>(user)->push_back(fraction);
+        return 0;
+    };
+    int err = 5;
+    ORB_COLUMNS* c = orb_read_columns(path.c_str(), 0, 1, 1, 0, nullptr, nullptr, record, &seen, &err);
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(err, 0);
+    ASSERT_GE(seen.size(), 2u);
+    EXPECT_EQ(seen.back(), 1.0);
+    for (size_t i = 1; i < seen.size(); ++i) EXPECT_LE(seen[i - 1], seen[i]);
+    for (size_t i = 0; i + 1 < seen.size(); ++i) EXPECT_LT(seen[i], 1.0);
+    orb_free_columns(c);
+
+    for (int stopAt : {1, 2}) {
+        int calls = stopAt;
+        auto cancel = [](double, void* user) { return --*static_cast<int*>(user) == 0 ? 1 : 0; };
+        EXPECT_EQ(orb_read_columns(path.c_str(), 0, 1, 1, 0, nullptr, nullptr, cancel, &calls, &err), nullptr);
+        EXPECT_EQ(err, -2);
+        EXPECT_STREQ(orb_get_last_error(), "Cancelled\n");
+    }
+}
+
+TEST_F(Columns, FromMemoryAsFromTheFile)
+{
+    for (bool compressed : {false, true}) {
+        Shape s;
+        s.compressed = compressed;
+        const std::string path = writeRecording(s);
+        std::ifstream in(path, std::ios::binary);
+        const std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        ORB_COLUMNS* a = readColumns(path, ReadArgs{});
+        int err = 5;
+        ORB_COLUMNS* b = orb_read_columns_memory(bytes.data(), bytes.size(), 0, 1, 1,
+                                                 ORB_COLUMNS_VELOCITIES | ORB_COLUMNS_CAMERA, nullptr, nullptr,
+                                                 nullptr, nullptr, &err);
+        EXPECT_EQ(err, 0);
+        expectSameColumns(a, b);
+        orb_free_columns(a);
+        orb_free_columns(b);
+    }
+    int err = 0;
+    EXPECT_EQ(orb_read_columns_memory("NOT AN ORB FILE\n", 16, 0, 1, 1, 0, nullptr, nullptr, nullptr, nullptr, &err),
+              nullptr);
+    EXPECT_EQ(err, -1);
+    EXPECT_STREQ(orb_get_last_error(), "Bad magic.  Corrupt orb file. \n\n");
+}
