@@ -11,8 +11,10 @@
 #include <nanobind/stl/optional.h>
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/pair.h>
+#include <nanobind/stl/unique_ptr.h>
 #include <nanobind/stl/vector.h>
 
+#include <cctype>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -23,23 +25,6 @@
 #include <vector>
 
 #include "orbapi.h"
-
-// TEMPORARY until the columnar reader is merged: weak references, checked at
-// run time.
-#pragma weak orb_open_memory
-#pragma weak orb_get_last_error
-#pragma weak orb_read_columns
-#pragma weak orb_read_columns_memory
-#pragma weak orb_free_columns
-#pragma weak orb_columns_rows
-#pragma weak orb_columns_count
-#pragma weak orb_columns_column
-#pragma weak orb_columns_find
-#pragma weak orb_columns_text
-#pragma weak orb_columns_preamble
-#pragma weak orb_columns_revision
-#pragma weak orb_columns_oculant_revision
-#pragma weak orb_columns_items
 
 namespace nb = nanobind;
 using namespace nb::literals;
@@ -59,7 +44,7 @@ void emitLines(const std::vector<std::string>& lines)
     nb::object logger = nb::module_::import_("logging").attr("getLogger")("orbapi");
     for (const std::string& line : lines) {
         std::string text = line;
-        while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
+        while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back())))
             text.pop_back();
         logger.attr("warning")("%s", nb::str(text.data(), text.size()));
     }
@@ -308,7 +293,6 @@ std::unique_ptr<Columns> readColumns(std::optional<nb::bytes> path, nb::object d
                                      std::optional<std::string> trialStart,
                                      std::optional<std::string> trialEnd, bool sentinels)
 {
-    if (!&orb_read_columns) throw std::runtime_error("this build has no columnar reader yet");
     LogScope log;
     ORB_COLUMNS* c = nullptr;
     int err = 0;
@@ -472,7 +456,6 @@ public:
             if (path) {
                 file.assign(path->c_str(), path->size());
             } else {
-                if (!&orb_open_memory) throw std::runtime_error("this build cannot open from memory yet");
                 Buffer b(data);
                 const char* p = static_cast<const char*>(b.data());
                 memory_.assign(p, p + b.size());
@@ -483,7 +466,8 @@ public:
             if (f_ && (trialStart || trialEnd))
                 orb_set_trial_identifier(f_, trialStart_.data(), trialEnd_ ? trialEnd_->data() : nullptr);
         }
-        std::string reason = f_ ? std::string() : log.text();
+        std::string reason = f_ ? std::string() : std::string(orb_get_last_error());
+        if (!f_ && reason.empty()) reason = log.text();
         log.emit();
         if (!f_)
             throw OrbFailure{trimmed(reason)};

@@ -36,12 +36,13 @@ class Record(Mapping):
 
     @property
     def code(self) -> int:
-        """The item-type code."""
+        """The item-type code. Example: ``item.code == 200`` for a sample"""
         return self._code
 
     @property
     def kind(self) -> str:
-        """``"sample"``, ``"block"``, ``"message"`` or ``"event"``."""
+        """``"sample"``, ``"block"``, ``"message"`` or ``"event"``.
+        Example: ``[i for i in f if i.kind == "message"]``"""
         return {SAMPLE: "sample", RECORDING: "block", MESSAGE: "message"}.get(self._code, "event")
 
     def __getattr__(self, name: str) -> Any:
@@ -72,7 +73,8 @@ def _record(pair) -> Record | None:
 
 
 class Bookmark:
-    """A remembered position (see :meth:`OrbFile.bookmark`)."""
+    """A remembered position (see :meth:`OrbFile.bookmark`).
+    Example: ``mark = f.bookmark(); f.goto(mark)``"""
 
     __slots__ = ("id",)
 
@@ -113,12 +115,13 @@ class OrbFile:
 
     # -- life ---------------------------------------------------------------
     def close(self) -> None:
-        """Closes the recording (also done on leaving a ``with`` block)."""
+        """Closes the recording (also done on leaving a ``with`` block);
+        closing twice is harmless. Example: ``f = orbapi.open(p); ...; f.close()``"""
         self._c.close()
 
     @property
     def closed(self) -> bool:
-        """True once closed."""
+        """True once closed. Example: ``assert f.closed`` after ``f.close()``"""
         return self._c.closed
 
     def __enter__(self) -> "OrbFile":
@@ -143,7 +146,7 @@ class OrbFile:
 
     @property
     def current(self) -> Record | None:
-        """The item last stepped onto, or None."""
+        """The item last stepped onto, or None. Example: ``f.next(); f.current.time``"""
         return _record(self._c.record())
 
     def camera(self) -> dict[str, float | int] | None:
@@ -162,17 +165,19 @@ class OrbFile:
 
     @property
     def position(self) -> int:
-        """Index of the next item :meth:`next` steps onto."""
+        """Index of the next item :meth:`next` steps onto (the ``index``
+        column of the tables). Example: ``f.jump_to_trial(1); f.position``"""
         return self._c.element_index()
 
     @property
     def items(self) -> int:
-        """Number of items in the time-ordered index."""
+        """Number of items in the time-ordered index. Example: ``f.items``"""
         return self._c.element_count()
 
     @property
     def sample_rate(self) -> float:
-        """Samples per second of the block at the position; 0.0 outside."""
+        """Samples per second of the block at the position; 0.0 outside.
+        Example: ``f.next(); f.sample_rate``"""
         return self._c.sample_rate()
 
     # -- trials -------------------------------------------------------------
@@ -187,19 +192,22 @@ class OrbFile:
         return self._c.jump_to_trial(int(trial)) == 0
 
     def next_trial(self) -> bool:
-        """Moves to the trial after the current one."""
+        """Moves to the trial after the current one (trial 0 before any
+        move). Example: ``while f.next_trial(): print(f.trial_header())``"""
         return self._c.next_trial() == 0
 
     def previous_trial(self) -> bool:
-        """Moves to the trial before the current one."""
+        """Moves to the trial before the current one. Example: ``f.previous_trial()``"""
         return self._c.previous_trial() == 0
 
     def trial_with_start_time(self, time: int) -> bool:
-        """Moves to the first trial starting exactly at `time` (ms)."""
+        """Moves to the first trial starting exactly at `time` (ms).
+        Example: ``f.trial_with_start_time(100000)``"""
         return self._c.trial_with_start_time(int(time)) == 0
 
     def trial_with_end_time(self, time: int) -> bool:
-        """Moves to the first trial ending exactly at `time` (ms)."""
+        """Moves to the first trial ending exactly at `time` (ms).
+        Example: ``f.trial_with_end_time(100400)``"""
         return self._c.trial_with_end_time(int(time)) == 0
 
     def trial_header(self) -> dict[str, int | None] | None:
@@ -218,35 +226,39 @@ class OrbFile:
         return None if id_ is None else Bookmark(id_)
 
     def goto(self, bookmark: Bookmark) -> bool:
-        """Moves to `bookmark`."""
+        """Moves to `bookmark`. Example: ``f.goto(mark); f.next()``"""
         return self._c.goto_bookmark(bookmark.id) == 0
 
     def free(self, bookmark: Bookmark) -> bool:
-        """Forgets `bookmark`."""
+        """Forgets `bookmark`. Example: ``f.free(mark)``"""
         return self._c.free_bookmark(bookmark.id) == 0
 
     def next_bookmark(self) -> bool:
-        """Moves to the bookmark set after the one last gone to."""
+        """Moves to the bookmark set after the one last gone to.
+        Example: ``f.goto(first); f.next_bookmark()``"""
         return self._c.next_bookmark() == 0
 
     def previous_bookmark(self) -> bool:
-        """Moves to the bookmark set before the one last gone to."""
+        """Moves to the bookmark set before the one last gone to.
+        Example: ``f.previous_bookmark()``"""
         return self._c.previous_bookmark() == 0
 
     # -- file facts ---------------------------------------------------------
     @property
     def preamble(self) -> str:
-        """The preamble text (each line prefixed by ``"** "``)."""
+        """The preamble text (each line prefixed by ``"** "``).
+        Example: ``print(f.preamble)``"""
         return self._c.preamble()
 
     @property
     def revision(self) -> int:
-        """Tracker revision from the preamble (0 when absent)."""
+        """Tracker revision from the preamble (0 when absent). Example: ``f.revision``"""
         return self._c.revision()
 
     @property
     def oculant_revision(self) -> int:
-        """Tracker model: 1 by default, 2 for MK, 3 for HQ."""
+        """Tracker model: 1 by default, 2 for MK, 3 for HQ (velocities take
+        the high-speed filter from 3 on). Example: ``f.oculant_revision``"""
         return self._c.oculant_revision()
 
     def __repr__(self) -> str:

@@ -186,8 +186,11 @@ class Recording:
         if len(starts["time"]):
             first = {"sample_rate": float(starts["sample_rate"][0]),
                      "eyes": _EYES.get(int(starts["eyes"][0]))}
-        times = [a for a in (samples.get("time"), allevents["time"], blocks["time"]) if len(a)]
-        duration = (max(float(a[-1]) for a in times) - min(float(a[0]) for a in times)) if times else 0.0
+        # Event items keep their times in start_time and end_time.
+        firsts = [a for a in (samples.get("time"), blocks["time"], allevents["start_time"]) if len(a)]
+        lasts = firsts + [a for a in (allevents["end_time"],) if len(a)]
+        duration = (max(float(a.max()) for a in lasts) - min(float(a.min()) for a in firsts)) \
+            if firsts else 0.0
         info = {
             "revision": cols.revision,
             "oculant_revision": cols.oculant_revision,
@@ -220,44 +223,51 @@ class Recording:
 
     @property
     def samples(self):
-        """One row per sample item (pandas DataFrame)."""
+        """One row per sample item (pandas DataFrame).
+        Example: ``rec.samples.query("trial == 2").gaze_x_left.mean()``"""
         return self._frame("samples")
 
     @property
     def events(self):
-        """One row per event item other than messages (pandas DataFrame)."""
+        """One row per event item other than messages (pandas DataFrame).
+        Example: ``rec.events.type.value_counts()``"""
         return self._frame("events")
 
     @property
     def messages(self):
-        """One row per message: ``time``, ``text``, ``block``, ``trial``."""
+        """One row per message: ``time``, ``text``, ``block``, ``trial``.
+        Example: ``rec.messages[rec.messages.text.str.startswith("SYNC")]``"""
         return self._frame("messages")
 
     @property
     def blocks(self):
         """One row per recording block, with its ``end_time`` (-1 when the
-        block never ends)."""
+        block never ends). Example: ``rec.blocks.end_time - rec.blocks.time``"""
         return self._frame("blocks")
 
     @property
     def trials(self):
         """One row per trial: ``trial``, ``start_time``, ``end_time``,
-        ``duration``, ``start_index``, ``end_index``, ``block``, variables."""
+        ``duration``, ``start_index``, ``end_index``, ``block``, variables.
+        Example: ``rec.trials.set_index("trial").duration``"""
         return self._frame("trials")
 
     @property
     def fixations(self):
-        """The fixation end items, one per fixation, with ``duration``."""
+        """The fixation end items, one per fixation, with ``duration``.
+        Example: ``rec.fixations.groupby("eye").duration.median()``"""
         return self._frame("fixations")
 
     @property
     def saccades(self):
-        """The saccade end items, one per saccade, with ``duration``."""
+        """The saccade end items, one per saccade, with ``duration``.
+        Example: ``rec.saccades.duration.describe()``"""
         return self._frame("saccades")
 
     @property
     def blinks(self):
-        """The blink end items, one per blink, with ``duration``."""
+        """The blink end items, one per blink, with ``duration``.
+        Example: ``len(rec.blinks)``"""
         return self._frame("blinks")
 
     def to_arrow(self) -> dict[str, Any]:

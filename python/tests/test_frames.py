@@ -19,6 +19,13 @@ def rec(tmp_path_factory):
     return orbapi.read(path, velocities=True, camera=True, variables="all")
 
 
+def plain(values: np.ndarray) -> np.ndarray:
+    """Text columns with every kind of missing value as None."""
+    if values.dtype.kind in "iuf":
+        return values
+    return np.array([None if v is None or v != v else str(v) for v in values], dtype=object)
+
+
 def test_pandas_arrow_and_polars_hold_the_same_values(rec):
     arrow = rec.to_arrow()
     polars = rec.to_polars()
@@ -27,12 +34,12 @@ def test_pandas_arrow_and_polars_hold_the_same_values(rec):
         frame = getattr(rec, table)
         assert arrow[table].column_names == list(frame.columns) == polars[table].columns
         for c in frame.columns:
-            expected = frame[c].to_numpy()
+            expected = plain(frame[c].to_numpy())
             for other in (arrow[table].column(c).to_numpy(zero_copy_only=False),
                           polars[table][c].to_numpy()):
                 if expected.dtype.kind in "iuf":
                     assert other.dtype == expected.dtype, (table, c)
-                np.testing.assert_array_equal(other, expected, err_msg=f"{table}.{c}")
+                np.testing.assert_array_equal(plain(other), expected, err_msg=f"{table}.{c}")
 
 
 def test_columns_are_not_copied_and_outlive_the_recording(tmp_path):
@@ -98,4 +105,4 @@ def test_message_texts(make_recording):
     assert "Grüße, Blickdaten" in texts        # UTF-8, trailing line feed dropped
     assert "no line feed" in texts
     assert "before" in texts                   # cut at the NUL
-    assert texts[0] == "TRIALID 1"
+    assert "TRIALID 1" in texts and "TRIAL_RESULT 0" in texts
