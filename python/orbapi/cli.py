@@ -138,7 +138,7 @@ def _build_parser(command: str | None = None) -> argparse.ArgumentParser:
     sub = parser.add_subparsers(dest="command", metavar="COMMAND")
 
     info = _command(sub, "info", _run_info, "summarise recordings", "Summarise recordings, one after another.",
-                    INFO_EPILOG, "recordings (.orb)")
+                    INFO_EPILOG, "recordings (.orb), or folders holding them")
     info.add_argument("--json", action="store_true", help="print a JSON list, one object per recording")
     _add_consistency(info, 2)
 
@@ -295,7 +295,9 @@ def summarize(path, *, consistency=2, capture=None) -> dict:
         try:
             rec = orbapi.read(path, consistency=consistency)
         except Exception as e:  # noqa: BLE001 - any failure is this file's
-            return {"file": os.fspath(path), "error": many.reason(e), "damage": capture.take()}
+            why = many.reason(e)
+            damage = [x for x in capture.take() if x.strip() not in why]
+            return {"file": os.fspath(path), "error": why, "consistency": consistency, "damage": damage}
         damage = capture.take()
     finally:
         if own:
@@ -311,8 +313,8 @@ def summarize(path, *, consistency=2, capture=None) -> dict:
         block_list.append(
             {
                 "start_ms": start,
-                "end_ms": end,
-                "duration_ms": end - start,
+                "end_ms": end if end >= 0 else None,  # None: the block never ends
+                "duration_ms": end - start if end >= 0 else None,
                 "sample_rate": float(blocks["sample_rate"][k]),
                 "eyes": EYES.get(int(blocks["eyes"][k]), str(int(blocks["eyes"][k]))),
             }
@@ -340,7 +342,7 @@ def _run_info(args) -> int:
     status = EXIT_OK
     reports = []
     with many.LogCapture() as capture:
-        for k, path in enumerate(args.files):
+        for k, path in enumerate(many.expand_paths(args.files)):
             r = summarize(path, consistency=args.consistency, capture=capture)
             if r["error"]:
                 status = EXIT_FAILED
@@ -373,7 +375,10 @@ def format_summary(r: dict) -> str:
     row = lambda key, value: lines.append(f"  {key:<11}{value}")  # noqa: E731
     if r["error"]:
         row("error", r["error"])
-        _damage_rows(r["damage"], row)
+        if r["damage"]:
+            _damage_rows(r["damage"], row)
+        if r.get("consistency") is not None and not r["consistency"] & 4:
+            row("", f"(--consistency {r['consistency'] | 4} reads what comes before damage)")
         return "\n".join(lines)
     model = MODELS.get(r["model"], "")
     row("tracker", f"revision {r['revision']}, model {r['model']}" + (f" ({model})" if model else ""))
@@ -387,10 +392,13 @@ def format_summary(r: dict) -> str:
             row("", f"... {len(blocks) - 15} more blocks (orb info --json lists them all)")
             continue
         b = blocks[k]
+        if b["end_ms"] is None:
+            span = f"from {b['start_ms']} ms, no block end"
+        else:
+            span = f"{b['start_ms']}-{b['end_ms']} ms ({b['duration_ms'] / 1000:.3f} s)"
         row(
             f"block {k + 1:>{width}}" if len(blocks) > 1 else "block",
-            f"{b['start_ms']}-{b['end_ms']} ms ({b['duration_ms'] / 1000:.3f} s), "
-            f"{b['sample_rate']:g} Hz, {b['eyes']} eye{'s' if b['eyes'] == 'both' else ''}",
+            f"{span}, {b['sample_rate']:g} Hz, {b['eyes']} eye{'s' if b['eyes'] == 'both' else ''}",
         )
     if not blocks:
         row("blocks", "none")

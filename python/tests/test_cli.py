@@ -95,6 +95,13 @@ def test_info_reports_repairs_and_refusals_in_text_and_json(capsys, tmp_path, st
     assert good["error"] is None and good["damage"] == [] and good["trials"] == 3
     assert good["blocks"][0]["eyes"] == "both" and good["blocks"][0]["sample_rate"] == 1000
 
+    # Read up to the damage: the last block has no end, and the library says why.
+    unfinished = typical(damage="no_end").write(tmp_path / "unfinished.orb")
+    code, out, _ = run(capsys, "info", unfinished)
+    assert code == 1 and "(--consistency 6 reads what comes before damage)" in out
+    code, out, _ = run(capsys, "info", "--consistency", "6", unfinished)
+    assert code == 0 and ", no block end, 1000 Hz" in out and "End of file" in out.split("damage")[1]
+
 
 # ---------------------------------------------------------------------------
 # orb convert
