@@ -19,6 +19,7 @@ from __future__ import annotations
 
 import argparse
 import os
+import resource
 import shutil
 import subprocess
 import sys
@@ -30,16 +31,24 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from bench_python import child_c, generate  # noqa: E402  (the same recording and floor)
 
 
-def convert(copies: list[str], out: str, jobs: int) -> tuple[float, str]:
-    """Runs orb convert; returns its wall time and its summary line."""
+def children_cpu() -> tuple[float, float]:
+    r = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return r.ru_utime, r.ru_stime
+
+
+def convert(copies: list[str], out: str, jobs: int) -> tuple[float, float, float, str]:
+    """Runs orb convert; returns its wall time, its user and system CPU
+    time, and its summary line."""
     shutil.rmtree(out, ignore_errors=True)
+    user, system = children_cpu()
     t0 = time.perf_counter()
     done = subprocess.run([sys.executable, "-m", "orbapi.cli", "convert", *copies, "-o", out,
                            "--jobs", str(jobs)], capture_output=True, text=True)
     seconds = time.perf_counter() - t0
     if done.returncode != 0:
         raise SystemExit(f"orb convert failed ({done.returncode}):\n{done.stderr}")
-    return seconds, done.stdout.strip()
+    user2, system2 = children_cpu()
+    return seconds, user2 - user, system2 - system, done.stdout.strip()
 
 
 def floor(copies: list[str], jobs: int) -> float:
@@ -73,13 +82,16 @@ def main() -> int:
     out = os.path.join(tmp, "out")
     best = {1: float("inf"), 2: float("inf")}
     floors = {1: float("inf"), 2: float("inf")}
+    cpu = {1: float("inf"), 2: float("inf")}
     try:
         for _ in range(args.repeat):
             for jobs in (1, 2):
                 floors[jobs] = min(floors[jobs], floor(copies, jobs))
-                seconds, summary = convert(copies, out, jobs)
-                print(f"  --jobs {jobs}: {seconds:.2f} s   ({summary})")
+                seconds, user, system, summary = convert(copies, out, jobs)
+                print(f"  --jobs {jobs}: {seconds:.2f} s, CPU {user:.2f} s user + {system:.2f} s system   "
+                      f"({summary})")
                 best[jobs] = min(best[jobs], seconds)
+                cpu[jobs] = min(cpu[jobs], user + system)
         speedup = best[1] / best[2]
         rate = total / best[2]
         size = sum(os.path.getsize(os.path.join(d, f)) for d, _, fs in os.walk(out) for f in fs)
@@ -88,6 +100,9 @@ def main() -> int:
             print(f"  --jobs {jobs}: {best[jobs]:.2f} s, {total / best[jobs] / 1e6:.1f} M samples/s; "
                   f"floor (C columnar read, {jobs} thread{'s' if jobs > 1 else ''}) {floors[jobs]:.2f} s "
                   f"= {best[jobs] / floors[jobs]:.2f} x the floor")
+        print(f"  CPU time per M samples: {cpu[1] / total * 1e6:.2f} s with one job, "
+              f"{cpu[2] / total * 1e6:.2f} s with two; on {os.cpu_count()} idle processors two jobs "
+              f"would write {total / (cpu[2] / min(2, os.cpu_count() or 1)) / 1e6:.1f} M samples/s")
         checks = [(speedup >= 1.7, f"two jobs {speedup:.2f} x as fast as one (target >= 1.7)"),
                   (rate >= 8e6, f"{rate / 1e6:.1f} M samples/s with two jobs (target >= 8)")]
         for good, what in checks:
