@@ -13,11 +13,12 @@ import logging
 import os
 import threading
 import time
-from collections import defaultdict
 from concurrent.futures import FIRST_COMPLETED, ThreadPoolExecutor, wait
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Callable, Iterable, Sequence
+
+from ._optional import require
 
 TABLES = ("samples", "events", "messages", "blocks", "trials")
 FORMATS = ("parquet", "csv", "tsv", "fif")
@@ -30,17 +31,6 @@ def _orbapi():
     import orbapi
 
     return orbapi
-
-
-def _need(module: str, extra: str):
-    import importlib
-
-    try:
-        return importlib.import_module(module)
-    except ImportError as e:
-        raise ImportError(
-            f"{module.split('.')[0]} is needed for this; install it with: pip install 'orbapi[{extra}]'"
-        ) from e
 
 
 def _default_jobs(count: int) -> int:
@@ -71,10 +61,12 @@ def reason(exc: BaseException) -> str:
     return "; ".join(line.strip() for line in text.splitlines() if line.strip())
 
 
-class LogCapture(logging.Handler):
-    """Collects the library's log lines per reading thread, while active,
-    and keeps them from the console.  Use as a context manager; a thread
-    calls :meth:`take` after each read to get that read's lines.
+class LogCapture(logging.Filter):
+    """Collects the library's log lines (logger ``"orbapi"``) per thread,
+    instead of letting them through, for the threads that watch: the one
+    that enters the context, and any that calls :meth:`watch`.  A thread
+    calls :meth:`take` after a read to get that read's lines.  Lines from
+    other threads pass as usual.
 
     Example::
 
@@ -82,33 +74,41 @@ class LogCapture(logging.Handler):
         ...     rec = orbapi.read("gappy.orb", consistency=2)
         ...     lines = capture.take()
         >>> lines[0]
-        'Missing 5 samples. Inserting dummy samples'
+        'Missing 6 samples. Inserting dummy samples'
     """
 
     def __init__(self):
-        super().__init__(logging.DEBUG)
-        self._lines = defaultdict(list)
-        self._lock_lines = threading.Lock()
-        self._propagate = True
+        super().__init__()
+        self._lines = {}  # thread id -> lines not yet taken
+        self._guard = threading.Lock()
 
-    def emit(self, record):
-        text = record.getMessage().rstrip("\n")
-        with self._lock_lines:
-            self._lines[record.thread].append(text)
+    def watch(self):
+        """Collects the lines of the calling thread from now on."""
+        with self._guard:
+            self._lines.setdefault(threading.get_ident(), [])
+
+    def filter(self, record):
+        with self._guard:
+            lines = self._lines.get(record.thread)
+            if lines is None:
+                return True
+            lines.append(record.getMessage().rstrip("\n"))
+            return False
 
     def take(self) -> list[str]:
-        with self._lock_lines:
-            return self._lines.pop(threading.get_ident(), [])
+        """The calling thread's lines since the last take."""
+        with self._guard:
+            lines = self._lines.get(threading.get_ident()) or []
+            self._lines[threading.get_ident()] = []
+            return lines
 
     def __enter__(self):
-        self._propagate = _log.propagate
-        _log.addHandler(self)
-        _log.propagate = False
+        _log.addFilter(self)
+        self.watch()
         return self
 
     def __exit__(self, *exc):
-        _log.removeHandler(self)
-        _log.propagate = self._propagate
+        _log.removeFilter(self)
 
 
 def expand_paths(paths: Iterable) -> list[str]:
@@ -389,6 +389,7 @@ def convert(
 
     def work(i, path):
         written = []
+        capture.watch()
         try:
             rec = orbapi.read(path, **read_options)
             lines = capture.take()
@@ -471,11 +472,11 @@ class _TableWriter:
     differ between recordings, and a dataset needs one schema."""
 
     def __init__(self, fmt, tables):
-        self.pa = _need("pyarrow", "arrow")
+        self.pa = require("pyarrow", "arrow")
         if fmt == "parquet":
-            self.pq = _need("pyarrow.parquet", "arrow")
+            self.pq = require("pyarrow.parquet", "arrow")
         else:
-            self.csv = _need("pyarrow.csv", "arrow")
+            self.csv = require("pyarrow.csv", "arrow")
         self.fmt = fmt
         self.ext = "parquet" if fmt == "parquet" else fmt
         self.tables = tables

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import threading
 
 import pandas as pd
 import pyarrow.parquet as pq
@@ -98,7 +99,7 @@ def test_folders_expand_and_names_stay_apart(tmp_path):
     assert sorted(files.unique()) == found
 
 
-def test_library_lines_are_kept_per_recording(tmp_path, paths):
+def test_library_lines_are_kept_per_recording(tmp_path, paths, caplog):
     from test_cli import gappy
 
     every = [*paths, gappy(tmp_path / "gap.orb")]
@@ -110,3 +111,9 @@ def test_library_lines_are_kept_per_recording(tmp_path, paths):
             alone[p] = capture.take()
     assert res.warnings == {p: lines for p, lines in alone.items() if lines}
     assert any(line.startswith("Missing") for line in res.warnings[every[-1]])
+    # A thread that does not watch keeps its lines in the log.
+    with many.LogCapture():
+        other = threading.Thread(target=orbapi.read, args=(every[-1],), kwargs={"consistency": 2})
+        other.start()
+        other.join()
+    assert [r.getMessage() for r in caplog.records] == res.warnings[every[-1]]
