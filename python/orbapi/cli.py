@@ -215,7 +215,8 @@ def _add_plot(sub, wanted):
 
 
 def _unavailable(what, why, extra):
-    _error(f"{what} is not available: {why}; install it with: pip install 'orbapi[{extra}]'")
+    hint = "" if "pip install" in why else f"; install it with: pip install 'orbapi[{extra}]'"
+    _error(f"{what} is not available: {why}{hint}")
     return EXIT_USAGE
 
 
