@@ -29,7 +29,7 @@ examples:
   orb info run1.orb                      what is in a recording, at a glance
   orb info --json data/*.orb > info.json
   orb convert data/ -o parquet/          every .orb file below data/, to Parquet
-  orb plot run1.orb --trial 3            (see orb plot --help)
+  orb plot run1.orb --trial 3 -o t3.png  (see orb plot --help)
 
 Run 'orb COMMAND --help' for the options of a command.
 Exit status: 0 all done, 1 some recordings failed, 2 usage error.
