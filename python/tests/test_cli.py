@@ -141,8 +141,7 @@ def test_convert_writes_every_table_equal_to_read(capsys, tmp_path, study, fmt):
         for path in study:
             expected = getattr(orbapi.read(path), table)
             rows = back[back["file"] == path].drop(columns="file")
-            assert_same_table(rows.dropna(axis=1, how="all") if table == "trials" else rows,
-                              expected, exact_types=fmt == "parquet")
+            assert_same_table(rows, expected, exact_types=fmt == "parquet")
 
 
 def test_parquet_folder_is_one_dataset_with_options_applied(capsys, tmp_path, study):
