@@ -675,6 +675,7 @@ NB_MODULE(_core, m)
     m.attr("VELOCITIES") = int(ORB_COLUMNS_VELOCITIES);
     m.attr("CAMERA") = int(ORB_COLUMNS_CAMERA);
     m.def("version", []() { return std::string(orb_get_version()); });
+    m.def("library_version", []() { return std::string(orb_library_version()); });
 
     nb::class_<Columns>(m, "Columns")
         .def("rows", &Columns::rows, "table"_a)

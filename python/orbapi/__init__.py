@@ -19,16 +19,15 @@ first use.
 from __future__ import annotations
 
 import importlib
-from importlib import metadata as _metadata
 
 from ._core import OrbError
 from .cursor import OrbFile, Record, open
 from .recording import Recording, read
 
-try:
-    __version__ = _metadata.version("orbapi")
-except _metadata.PackageNotFoundError:  # pragma: no cover - source tree
-    __version__ = "3.1.0"
+from ._core import library_version as _library_version
+
+#: The package's version: that of the library it carries ("MAJOR.MINOR.PATCH").
+__version__ = _library_version()
 
 __all__ = [
     "OrbError", "OrbFile", "Record", "Recording", "__version__",

@@ -200,7 +200,7 @@ class Recording:
             "items": int(cols.items),
             "samples": int(cols.rows(_core.SAMPLES)),
             "duration_ms": duration,
-            "library_version": _core.version(),
+            "library_version": _core.library_version(),
         }
         return cls(tables, info, path)
 

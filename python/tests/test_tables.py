@@ -170,7 +170,7 @@ def test_info(make_recording):
     assert info["samples"] == len(rec.samples)
     assert info["revision"] == 3 and info["oculant_revision"] == 3
     assert "SOURCE: OCULANT HQ" in info["preamble"]
-    assert info["library_version"] == orbapi._core.version()
+    assert info["library_version"] == orbapi.__version__
     with orbapi.open(rec.path) as f:
         assert info["items"] == f.items
     # From the first item to the last: here the first block start to the last block end.
