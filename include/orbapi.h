@@ -15,27 +15,96 @@
  *     int code;
  *     while ((code = orb_get_next_data(f)) != NO_MORE_ITEMS) {
  *         ALLF_DATA *d = orb_get_float_data(f);
+ *         if (!d) continue;                   (the item could not be read)
  *         if (code == SAMPLE)         use_sample(&d->fs);
  *         else if (code == RECORDING) use_block(&d->rec);
  *         else                        use_event(&d->fe);
  *     }
  *     orb_close_file(f);
  *
- * Every record pointer handed out points into storage owned by the open file
- * and stays valid until the next call on the same handle.  A handle is used
- * by one thread at a time; different handles may be used from different
- * threads at once.
+ * Ownership and lifetime.  Every record pointer handed out (ALLF_DATA,
+ * FSAMPLE, FEVENT, Recording, the ORB_MESSAGE of a message) points into the
+ * one record buffer of the open file and is overwritten by the next call on
+ * the same handle.  Copy what you keep.  TRIAL.rec points into the file's
+ * index and lives until orb_close_file.  Strings the caller passes in are
+ * kept by pointer where a function says so (orb_set_trial_identifier).
  *
- * All times are milliseconds of the tracker clock.  Missing values:
- * -32768.0 for an absent position, pupil or gaze value, 100000000.0 for an
- * absent scaled value, resolution or velocity, 32768 for an absent 16-bit
- * status, input or extra-data type word, 0 for absent buttons.
+ * Threads.  A handle is used by one thread at a time (any thread, but not two
+ * at once); different handles may be used from different threads at once.
+ * The record casts, orb_get_version and orb_library_version may be called
+ * from any thread at any time.  The log function is process-wide: set it
+ * once, before files are opened; it is then called from every thread that
+ * reads a file.
+ *
+ * NULL.  Unless a function says otherwise, a NULL handle or a NULL pointer
+ * argument is not allowed: the function would crash.  orb_close_file accepts
+ * NULL; the bookmark functions and orb_get_trial_header refuse a NULL
+ * pointer with -1.
+ *
+ * Times are milliseconds of the tracker clock.  Missing values: -32768.0 for
+ * an absent position, pupil or gaze value, 100000000.0 for an absent scaled
+ * value, resolution or velocity, 32768 for an absent 16-bit status, input or
+ * extra-data type word, 0 for absent buttons.
+ *
+ * Traps: what every caller should know
+ * ------------------------------------
+ * 1. Dispatch on the code orb_get_next_data returns, never on the record
+ *    casts.  orb_get_sample, orb_get_event and orb_get_recording look at the
+ *    16-bit word at byte 4 of the record, which is FEVENT.type only for an
+ *    event.  In a sample those bytes belong to rawX[0], in a Recording to
+ *    sampleRate: samples and block records are mostly "events" to
+ *    orb_get_event, and a sample is almost never "a sample" to
+ *    orb_get_sample.
+ * 2. The record you were handed belongs to the file and is overwritten by
+ *    the next call on the handle: stepping, reading, moving by trial or to a
+ *    time, counting trials, and the raw pupil and CR accessors too.  The
+ *    first call of a raw pupil or CR accessor on a file (and the first trial
+ *    call) builds the trial list, which reads every message through that
+ *    same buffer.  So pass those accessors a copy of the sample
+ *    (FSAMPLE s = d->fs; orb_get_pupil_cr(f, &s, 0, xy);), never d->fs itself.
+ * 3. Gaze values, resolutions and the other scaled values of samples and
+ *    events are divided by the divisor of the block start the library
+ *    decoded last: after opening, the file's last block start; later, the
+ *    last one read.  After a jump (trial, bookmark,
+ *    orb_get_sample_close_to_time) into another block, and before stepping
+ *    over a block start, samples may be scaled with another block's
+ *    divisor.  Likewise the rate accessors (orb_get_sample_per_second and
+ *    its companions, and the velocities) keep the block start that stepping
+ *    passed last.  Where blocks differ, step from the block start.
+ * 4. Times handed out may be shifted.  The first record handed out settles
+ *    it: when its time is 200000000 ms or more, that time is subtracted from
+ *    every time of every record handed out from then on (the first record
+ *    itself reads 0); otherwise nothing is shifted.  Bit 3 of `consistency`
+ *    switches this off.  orb_get_sample_close_to_time, the TRIAL times (and
+ *    TRIAL.rec->time) and orb_goto_trial_with_start_time / _end_time all
+ *    use the file's own, unshifted times: add the shift back before looking
+ *    a record's time up (or open with bit 3 set).
+ * 5. FEVENT.time and FEVENT.aux0 are never filled by decoding.  aux0 is 0;
+ *    time is 0, or 0 minus the shift of trap 4 when shifting is on.  Use
+ *    startTime and endTime.
+ * 6. After moving (trial, bookmark), the next orb_get_next_data steps onto
+ *    the item moved to; orb_get_float_data called before that step reads the
+ *    item before it.
  */
 #ifndef ORBAPI_H
 #define ORBAPI_H
 
 #include <stdint.h>
 #include <stddef.h>
+
+/* The version of this library (not of the recordings it reads), for
+ * compile-time checks; orb_library_version() gives the version of the
+ * library actually loaded.  The build reads these lines: they are the one
+ * place the version is written. */
+#define ORBAPI_VERSION_MAJOR 1
+#define ORBAPI_VERSION_MINOR 0
+#define ORBAPI_VERSION_PATCH 0
+#define ORBAPI_VERSION_STRING                                              \
+    ORBAPI_STRINGIFY_(ORBAPI_VERSION_MAJOR) "."                            \
+    ORBAPI_STRINGIFY_(ORBAPI_VERSION_MINOR) "."                            \
+    ORBAPI_STRINGIFY_(ORBAPI_VERSION_PATCH) /* "1.0.0" */
+#define ORBAPI_STRINGIFY_(x) ORBAPI_STRINGIFY2_(x)
+#define ORBAPI_STRINGIFY2_(x) #x
 
 #if defined(_WIN32)
 #define ORBAPI_EXPORT __declspec(dllexport)
@@ -120,7 +189,7 @@ typedef struct ORB_MESSAGE {
 
 /* One event, message or other non-sample item. */
 typedef struct FEVENT {
-    uint32_t time;          /* time of the item                              */
+    uint32_t time;          /* never filled by decoding (see traps 4, 5)     */
     uint16_t type;          /* item-type code                                */
     uint16_t contents;      /* which value groups the item carried           */
     uint32_t startTime;     /* start time of the event                       */
@@ -143,7 +212,7 @@ typedef struct FEVENT {
     float startResY;        /* resolution y at the start                     */
     float endResY;          /* resolution y at the end                       */
     int16_t eye;            /* 0 left, 1 right                               */
-    uint16_t aux0;          /* carried without interpretation                */
+    uint16_t aux0;          /* never filled by decoding: 0                   */
     uint16_t blockFlags;    /* block flag word                               */
     uint16_t blockFlags2;   /* second block flag word                        */
     uint16_t blockOption;   /* block option word                             */
@@ -196,13 +265,18 @@ typedef struct _ORBFILE _ORBFILE;
 /* Opening and closing                                                      */
 /* ------------------------------------------------------------------------ */
 
-/* Opens the ORB file `fname`, reads its preamble and indexes its items.
+/* Opens the ORB file `fname`, reads its preamble and builds the time-ordered
+ * index of its items (the whole file is scanned before it returns).
  * `consistency`: bits 0-1 the consistency mode (0 none, 1 check, 2 check and
  * repair), bit 2 a tolerant scan (a damaged item ends the scan instead of
- * failing the open), bit 3 switches the time-offset adjustment off.
+ * failing the open), bit 3 switches the time shift of trap 4 off.
  * `loadevents`, `loadsamples`: non-zero to index events / samples.
- * Sets *errval to 0 and returns the handle, or sets *errval to -1, logs the
- * reason and returns NULL.  `errval` must be a valid pointer. */
+ * On success sets *errval to 0 and returns the handle, to be closed with
+ * orb_close_file.  On failure (no such file, not an ORB file, a damaged
+ * item without the tolerant scan, memory exhausted) sets *errval to -1,
+ * logs the reason through the log function and returns NULL.
+ * `fname` and `errval` must not be NULL.  Any thread may open files, several
+ * at once. */
 ORBAPI_EXPORT _ORBFILE *orb_open_file(const char *fname, int consistency,
                                       int loadevents, int loadsamples,
                                       int *errval);
@@ -229,104 +303,152 @@ ORBAPI_EXPORT _ORBFILE *orb_open_memory(const void *data, size_t size,
  * read; each thread has its own.  Never NULL. */
 ORBAPI_EXPORT const char *orb_get_last_error(void);
 
-/* Closes the file and frees everything it holds.  NULL is accepted.
- * Returns 0. */
+/* Closes the file and frees everything it holds: after it, the handle and
+ * every pointer the file handed out (records, messages, TRIAL.rec) are
+ * invalid.  NULL is accepted and ignored.  Returns 0.  Not while another
+ * thread uses the handle. */
 ORBAPI_EXPORT int orb_close_file(_ORBFILE *ef);
 
 /* ------------------------------------------------------------------------ */
 /* Stepping and reading                                                     */
 /* ------------------------------------------------------------------------ */
 
-/* Advances to the next item in time order and returns its item-type code,
- * or NO_MORE_ITEMS (0) past the last item (the position then stays). */
+/* Every function below takes the handle of an open file, which must not be
+ * NULL, and may be called from one thread at a time per handle.           */
+
+/* Steps onto the next item in time order and returns its item-type code (a
+ * value of the enum above, never negative), or NO_MORE_ITEMS (0) when there
+ * is none: at the end it keeps returning 0 and the position stays.  Stepping
+ * over a RECORDING item sets the block the rate accessors report (none after
+ * a block end).  In repair mode (consistency 2) it decodes blink, saccade
+ * and fixation starts as it passes them, through the record buffer. */
 ORBAPI_EXPORT int orb_get_next_data(_ORBFILE *ef);
 
-/* Returns the item that orb_get_next_data stepped onto, as a record owned by
- * the file, or NULL when there is none or it cannot be read.  Before the
- * first step the (cleared) buffer is returned unread. */
+/* Reads the item orb_get_next_data stepped onto last (more exactly: the item
+ * just before the current position, see trap 6) and returns it, times
+ * shifted (trap 4), as the file's record buffer: the member to read is the
+ * one the stepping code names (fs for SAMPLE, rec for RECORDING, fe for the
+ * rest).  The pointer is the same on every call and the record is valid
+ * until the next call on the handle.  Returns NULL, and logs a line, when
+ * the item cannot be read (the file is damaged there), and NULL when there
+ * is no item before the position.  Before the first step it returns the
+ * buffer unread (all zero). */
 ORBAPI_EXPORT ALLF_DATA *orb_get_float_data(_ORBFILE *ef);
 
-/* As orb_get_float_data, but NULL unless the current item is a SAMPLE. */
+/* As orb_get_float_data, but NULL unless the item last stepped onto is a
+ * SAMPLE (NULL before the first step).  A mismatch logs nothing. */
 ORBAPI_EXPORT ALLF_DATA *orb_get_sample_data(_ORBFILE *ef);
 
-/* As orb_get_float_data, but NULL unless the current item is an event
- * (codes 1-10, 15-18, 24, 25, 28). */
+/* As orb_get_float_data, but NULL unless the item last stepped onto is an
+ * event or message (codes 1-10, 15-18, 24, 25, 28). */
 ORBAPI_EXPORT ALLF_DATA *orb_get_event_data(_ORBFILE *ef);
 
-/* As orb_get_float_data, but NULL unless the current item is a RECORDING. */
+/* As orb_get_float_data, but NULL unless the item last stepped onto is a
+ * RECORDING. */
 ORBAPI_EXPORT ALLF_DATA *orb_get_recording_data(_ORBFILE *ef);
 
-/* Moves to the sample recorded at `time` (ms) and returns it, or NULL when
- * no sample carries exactly that time (the first item never matches).  The
- * stepping position is left where it was. */
+/* Reads the sample recorded at `time` and returns it in the record buffer
+ * (as orb_get_float_data), or NULL when no sample carries exactly that time.
+ * `time` is the file's own time in ms, before the shift of trap 4; samples
+ * at a half millisecond (flags 0x0002) and the very first item of the file
+ * are never found; a time of 2^31 or more wraps.  The stepping position is
+ * left where it was, but the record buffer is overwritten. */
 ORBAPI_EXPORT ALLF_DATA *orb_get_sample_close_to_time(_ORBFILE *ef,
                                                       unsigned int time);
 
-/* Number of items in the file's time-ordered index. */
+/* Number of items in the file's time-ordered index (every item
+ * orb_get_next_data will step onto, from the first). */
 ORBAPI_EXPORT int orb_get_element_count(_ORBFILE *ef);
 
-/* Record casts: return `d` when the 16-bit word at byte offset 4 (FEVENT.type)
- * says the record is of that kind, else NULL.  Dispatch on the code returned
- * by orb_get_next_data rather than on these.  `d` must not be NULL. */
+/* Record casts: return `d` when the 16-bit word at byte offset 4 (FEVENT.type
+ * in an event) says the record is of that kind, else NULL.  That word is
+ * meaningful for events only (trap 1): dispatch on the code returned by
+ * orb_get_next_data instead.  `d` must not be NULL.  They read `d` only:
+ * any thread. */
 ORBAPI_EXPORT FSAMPLE *orb_get_sample(ALLF_DATA *d);    /* word == 200      */
 ORBAPI_EXPORT FEVENT *orb_get_event(ALLF_DATA *d);      /* word not 200, 30 */
 ORBAPI_EXPORT Recording *orb_get_recording(ALLF_DATA *d); /* word == 30     */
 
 /* ------------------------------------------------------------------------ */
 /* Trials                                                                   */
+/* A trial is a stretch of the index that starts at a message containing   */
+/* the start identifier ("TRIALID" unless set) and ends at a message        */
+/* containing the end identifier, at the next start, or at the block end;   */
+/* a recording without such messages has a trial per block.  The list is    */
+/* built on the first trial call (or raw pupil call, trap 2), which reads   */
+/* every message through the record buffer.  Moving to a trial sets the     */
+/* position to its first item: the next orb_get_next_data steps onto it     */
+/* (trap 6), the rate accessors and the divisor keep the block stepped      */
+/* through last (trap 3).  Trial times are the file's own (trap 4).         */
 /* ------------------------------------------------------------------------ */
 
-/* Number of trials (collected on first use). */
+/* Number of trials, 0 when there are none. */
 ORBAPI_EXPORT int orb_get_trial_count(_ORBFILE *ef);
 
-/* Moves to the first item of trial `trial` (0-based).  0, or -1 when there
- * is no such trial. */
+/* Moves to the first item of trial `trial` (0 to count - 1) and makes it the
+ * current trial.  Returns 0, or -1 when there is no such trial (nothing
+ * changes then). */
 ORBAPI_EXPORT int orb_jump_to_trial(_ORBFILE *ef, int trial);
 
-/* Copies the current trial (the one last moved to) into *trial.  0, or -1
- * when `trial` is NULL or no trial has been moved to. */
+/* Copies the current trial (the one last moved to) into *trial.  Returns 0,
+ * or -1 (leaving *trial alone) when `trial` is NULL or no trial has been
+ * moved to.  trial->rec points to the block start of the trial's block,
+ * owned by the file until orb_close_file (NULL when the trial has none). */
 ORBAPI_EXPORT int orb_get_trial_header(_ORBFILE *ef, TRIAL *trial);
 
-/* Moves to the previous / next trial.  0, or -1 at the ends. */
+/* Moves to the trial before / after the current one (from no current trial,
+ * "next" goes to trial 0).  Returns 0, or -1 past either end (nothing
+ * changes then). */
 ORBAPI_EXPORT int orb_goto_previous_trial(_ORBFILE *ef);
 ORBAPI_EXPORT int orb_goto_next_trial(_ORBFILE *ef);
 
-/* Moves to the first trial that starts / ends exactly at `time` (ms).
- * 0, or -1 when none does (the position is then unchanged). */
+/* Moves to the first trial whose TRIAL.startTime / endTime equals `time`
+ * (ms, the file's own time).  Returns 0, or -1 when none does (nothing
+ * changes then). */
 ORBAPI_EXPORT int orb_goto_trial_with_start_time(_ORBFILE *ef,
                                                  unsigned int time);
 ORBAPI_EXPORT int orb_goto_trial_with_end_time(_ORBFILE *ef,
                                                unsigned int time);
 
-/* Sets the texts that start and end a trial (a message containing the text)
- * and collects the trials anew.  The file keeps the pointers, not copies:
- * the strings must outlive the handle.  `end_marker` may be NULL (trials
- * then end at the next start or at the block end).  Returns 0. */
+/* Sets the texts whose presence in a message starts and ends a trial, and
+ * builds the trial list anew (the current trial is kept by number).  The
+ * file keeps the pointers, not copies: the strings must stay alive and
+ * unchanged until the handle is closed or the identifiers set again.
+ * `end_marker` may be NULL (trials then end at the next start or at the
+ * block end); a NULL `start_marker` lets no message start a trial.
+ * Returns 0. */
 ORBAPI_EXPORT int orb_set_trial_identifier(_ORBFILE *ef, char *start_marker,
                                            char *end_marker);
 
-/* The current start identifier ("TRIALID" unless set) and end identifier
- * (NULL unless set). */
+/* The identifiers in force: the pointers last given to
+ * orb_set_trial_identifier, else "TRIALID" (a static string; do not write
+ * to it) and NULL. */
 ORBAPI_EXPORT char *orb_get_start_trial_identifier(_ORBFILE *ef);
 ORBAPI_EXPORT char *orb_get_end_trial_identifier(_ORBFILE *ef);
 
 /* ------------------------------------------------------------------------ */
 /* Bookmarks                                                                */
+/* A bookmark remembers a position (the item the next orb_get_next_data     */
+/* steps onto).  The file keeps its bookmarks in the order they were set;   */
+/* the BOOKMARK the caller holds is only their key.                         */
 /* ------------------------------------------------------------------------ */
 
-/* Remembers the current position in *bm.  0 on success (a position already
- * bookmarked succeeds and leaves *bm unwritten), -1 when bm is NULL or every
- * item has been handed out. */
+/* Bookmarks the current position and writes its key to *bm.  Returns 0, or
+ * -1 when `bm` is NULL or the position is past the last item.  A position
+ * already bookmarked succeeds without writing *bm: initialise *bm or keep
+ * the first one. */
 ORBAPI_EXPORT int orb_set_bookmark(_ORBFILE *ef, BOOKMARK *bm);
 
-/* Forgets the bookmark *bm.  0, or -1 when it is unknown. */
+/* Forgets the bookmark *bm.  Returns 0, or -1 when `bm` is NULL or unknown. */
 ORBAPI_EXPORT int orb_free_bookmark(_ORBFILE *ef, BOOKMARK *bm);
 
-/* Moves to the bookmark *bm.  0, or -1 when it is unknown. */
+/* Moves to the bookmark *bm and makes it the current bookmark.  Returns 0,
+ * or -1 when `bm` is NULL or unknown (nothing changes then). */
 ORBAPI_EXPORT int orb_goto_bookmark(_ORBFILE *ef, BOOKMARK *bm);
 
-/* Moves to the bookmark set after / before the one last gone to.
- * 0, or -1 when there is none (nothing changes then). */
+/* Moves to the bookmark set after / before the current bookmark (from none,
+ * "next" goes to the first set).  Returns 0, or -1 when there is none
+ * (nothing changes then). */
 ORBAPI_EXPORT int orb_goto_next_bookmark(_ORBFILE *ef);
 ORBAPI_EXPORT int orb_goto_previous_bookmark(_ORBFILE *ef);
 
@@ -335,48 +457,71 @@ ORBAPI_EXPORT int orb_goto_previous_bookmark(_ORBFILE *ef);
 /* ------------------------------------------------------------------------ */
 
 /* Length of the preamble text plus one (room for the terminator), or 0 when
- * the file has none.  Ask before orb_get_preamble_text. */
+ * the file has none.  Ask it to size the buffer of orb_get_preamble_text. */
 ORBAPI_EXPORT int orb_get_preamble_text_length(_ORBFILE *ef);
 
-/* Copies at most length - 1 characters of the preamble text (each line
- * prefixed by "** ") into `buffer` and terminates it.  Returns 0. */
+/* Copies the preamble text (each line prefixed by "** " and ended by "\n"),
+ * at most length - 1 characters of it, into `buffer` and terminates it;
+ * without a preamble it writes "".  `buffer` must hold `length` bytes; with
+ * `length` 0 or less nothing is written (and `buffer` may then be NULL).
+ * Returns 0. */
 ORBAPI_EXPORT int orb_get_preamble_text(_ORBFILE *ef, char *buffer,
                                         int length);
 
-/* The library's version text. */
+/* The text "3.1 Linux Sep  2 2011", kept for callers that compare it; the
+ * library's own version is orb_library_version().  A static string; any
+ * thread. */
 ORBAPI_EXPORT const char *orb_get_version(void);
 
-/* Tracker revision from the preamble (0 when absent). */
+/* The version of the library loaded, "MAJOR.MINOR.PATCH" (the value of
+ * ORBAPI_VERSION_STRING it was built with).  A static string; never NULL;
+ * any thread. */
+ORBAPI_EXPORT const char *orb_library_version(void);
+
+/* Tracker revision: the number on the preamble's "VERSION: OCULANT MK "
+ * line (0 there counts as 1), 0 when there is no such line. */
 ORBAPI_EXPORT int orb_get_revision(_ORBFILE *ef);
 
-/* Tracker model: 1 by default, 2 for MK, 3 for HQ. */
+/* Tracker model from the preamble: 1 by default, 2 for a "SOURCE: OCULANT
+ * MK" line, 3 for "SOURCE: OCULANT HQ". */
 ORBAPI_EXPORT int orb_get_oculant_revision(_ORBFILE *ef);
 
 /* ------------------------------------------------------------------------ */
 /* Logging                                                                  */
 /* ------------------------------------------------------------------------ */
 
-/* Routes every diagnostic line of the library (each ends in "\n") to `fcn`;
- * NULL restores printing to standard output.  Process-wide: set it once,
- * before files are opened. */
+/* Routes every diagnostic line of the library (at most 499 characters, each
+ * ending in "\n") to `fcn`; NULL restores printing to standard output.
+ * Process-wide, for every open file: set it once, before files are opened.
+ * `fcn` is called on the thread that reads the file, so from several
+ * threads at once when several files are read at once; the text it receives
+ * is the library's and valid only during the call. */
 ORBAPI_EXPORT void orb_set_log_function(void (*fcn)(char *));
 
-/* Formats one diagnostic line (printf style, at most 499 characters) and
- * hands it to the log function.  Without one the formatted text is printed
- * to standard output with printf, used as a format a second time.
- * Returns 0. */
+/* Formats one diagnostic line (printf style; text beyond 499 characters is
+ * cut) and hands it to the log function.  Without one the text goes to
+ * standard output with every "%%" left in it printed as "%" (it is printed
+ * as if used as a format a second time).  `fmt` must not be NULL.  Any
+ * thread.  Returns 0. */
 ORBAPI_EXPORT int print_log(char *fmt, ...);
 
 /* ------------------------------------------------------------------------ */
 /* Raw pupil and corneal-reflection (CR) values of a sample                 */
-/* `s` is a sample of this file, `eye` 0 (left) or 1 (right).               */
+/* `ef` is the file the sample came from (not NULL), `s` a sample of it     */
+/* (not NULL), `eye` 0 (left) or 1 (right): other values read outside the   */
+/* record.  Pass a copy of the sample, never the record buffer itself: the  */
+/* first call on a file builds the trial list through that buffer (trap 2). */
+/* Samples come in two encodings, told apart by the sign of pupilSize[eye]; */
+/* the functions read either.  They write only the array they are given,    */
+/* which must hold two elements.                                            */
 /* ------------------------------------------------------------------------ */
 
-/* Pupil area in camera pixels, before CR correction; 0 when absent. */
+/* Pupil area in camera pixels, before the CR correction; 0 when the sample
+ * has no pupil for that eye. */
 ORBAPI_EXPORT int orb_get_uncorrected_pupil_area(_ORBFILE *ef, FSAMPLE *s,
                                                  int eye);
 
-/* CR area, before correction. */
+/* CR area in camera pixels, before correction. */
 ORBAPI_EXPORT int orb_get_uncorrected_cr_area(_ORBFILE *ef, FSAMPLE *s,
                                               int eye);
 
@@ -384,32 +529,38 @@ ORBAPI_EXPORT int orb_get_uncorrected_cr_area(_ORBFILE *ef, FSAMPLE *s,
 ORBAPI_EXPORT int orb_get_uncorrected_cr2_area(_ORBFILE *ef, FSAMPLE *s,
                                                int eye);
 
-/* Pupil width and height into dim[0], dim[1]. */
+/* Pupil width and height into dim[0], dim[1]; 0 and 0 when there is no
+ * pupil, 100000000 and 100000000 when the packed values are missing. */
 ORBAPI_EXPORT void orb_get_pupil_dimension(_ORBFILE *ef, FSAMPLE *s, int eye,
                                            int *dim);
 
-/* CR width and height into dim[0], dim[1]. */
+/* CR width and height into dim[0], dim[1] (there is no eye argument: both
+ * come from extraData[7] whatever the encoding). */
 ORBAPI_EXPORT void orb_get_cr_dimension(_ORBFILE *ef, FSAMPLE *s, int *dim);
 
-/* Camera window position into pos[0] (x), pos[1] (y). */
+/* Camera window position (from FSAMPLE.input) into pos[0] (x), pos[1] (y). */
 ORBAPI_EXPORT void orb_get_window_position(_ORBFILE *ef, FSAMPLE *s,
                                            int *pos);
 
-/* Pupil centre in camera coordinates into xy[0], xy[1]; 100000000.0 when
- * absent. */
+/* Pupil centre in camera coordinates into xy[0], xy[1]; 100000000.0 and
+ * 100000000.0 when there is no pupil or its values are missing. */
 ORBAPI_EXPORT void orb_get_uncorrected_raw_pupil(_ORBFILE *ef, FSAMPLE *s,
                                                  int eye, float *xy);
 
-/* CR centre in camera coordinates. */
+/* CR centre in camera coordinates into xy[0], xy[1]; 100000000.0 and
+ * 100000000.0 when there is no CR or its values are missing. */
 ORBAPI_EXPORT void orb_get_uncorrected_raw_cr(_ORBFILE *ef, FSAMPLE *s,
                                               int eye, float *xy);
 
-/* Second CR centre in camera coordinates. */
+/* Second CR centre in camera coordinates into xy[0], xy[1]; 100000000.0
+ * and 100000000.0 when the sample carries no second CR. */
 ORBAPI_EXPORT void orb_get_uncorrected_raw_cr2(_ORBFILE *ef, FSAMPLE *s,
                                                int eye, float *xy);
 
 /* Pupil centre minus 1.02 x CR centre, after removing the CR's overlap from
- * the pupil; written to xy[0], xy[1] and returns xy. */
+ * the pupil; written to xy[0], xy[1] and returns xy.  Missing centres are
+ * not tested for: the result is then meaningless (test
+ * orb_get_uncorrected_raw_pupil and _cr first). */
 ORBAPI_EXPORT float *orb_get_pupil_cr(_ORBFILE *ef, FSAMPLE *s, int eye,
                                       float *xy);
 
@@ -573,24 +724,28 @@ ORBAPI_EXPORT size_t orb_columns_items(const ORB_COLUMNS *c);
 #ifdef __cplusplus
 } /* extern "C" */
 
-/* These five keep C++ linkage: C++ callers link to them as declared here. */
+/* These five keep C++ linkage: C++ callers link to them as declared here.
+ * Like the functions above they take a handle that must not be NULL. */
 
-/* Samples per second of the recording block the position is in; 0 outside
- * a block. */
+/* Samples per second of the block whose start orb_get_next_data stepped over
+ * last; 0 before any and after stepping over a block end.  Moves by trial,
+ * bookmark or time do not change it (trap 3). */
 ORBAPI_EXPORT float orb_get_sample_per_second(_ORBFILE *ef);
 
-/* 1000 / samples per second, truncated (2 at 500 Hz, 0 at 2000 Hz); 0
- * outside a block. */
+/* 1000 / orb_get_sample_per_second(), truncated toward zero (2 at 500 Hz, 0
+ * at 2000 Hz); 0 when the rate is 0, negative or not a number. */
 ORBAPI_EXPORT int orb_get_sample_interval(_ORBFILE *ef);
 
-/* 1000 / samples per second, not truncated; 0 outside a block. */
+/* 1000 / orb_get_sample_per_second(), not truncated (0.5 at 2000 Hz); 0 in
+ * the same cases. */
 ORBAPI_EXPORT double orb_get_sample_interval_ex(_ORBFILE *ef);
 
-/* Filter level of the latest block start (0 to 15). */
+/* Filter level (0 to 15) of the block start decoded last (trap 3); after
+ * opening, that of the file's last block. */
 ORBAPI_EXPORT int get_filter_level_for_sample(_ORBFILE *ef);
 
-/* The current position: the index of the next item orb_get_next_data
- * will step onto. */
+/* The current position: the index (0 to orb_get_element_count()) of the
+ * next item orb_get_next_data will step onto. */
 ORBAPI_EXPORT int orb_get_element_index(_ORBFILE *ef);
 #endif
 

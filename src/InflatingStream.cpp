@@ -14,6 +14,9 @@ namespace {
 
 // Deflated recordings rarely shrink by more than this.
 constexpr uint64_t kExpectedRatio = 16;
+// How much must be there (or the body be done) before the window is
+// refilled: any amount above 0 keeps the reads from meeting a false end.
+constexpr uint64_t kRefillAhead = 256 * 1024;
 
 } // namespace
 
@@ -86,7 +89,7 @@ void InflatingStream::produce()
 bool InflatingStream::refill()
 {
     {
-        const uint64_t want = uint64_t(offset()) + kBufferSize;
+        const uint64_t want = uint64_t(offset()) + kRefillAhead;
         std::unique_lock<std::mutex> lock(mutex_);
         ready_.wait(lock, [&] { return done_ || produced_ >= want; });
     }

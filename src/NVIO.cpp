@@ -47,7 +47,7 @@ int InputStream::skip(int n)
         if (cur_ < end_) {
             int take = int(std::min<std::ptrdiff_t>(end_ - cur_, n - done));
             cur_ += take;
-            position_ += take;
+            advance(take);
             done += take;
             continue;
         }
@@ -71,45 +71,9 @@ int InputStream::getString(char* buffer, int size)
 }
 
 // ---------------------------------------------------------------------------
-// FileInputStream
+// WindowedInputStream
 
-FileInputStream::FileInputStream(const char* path)
-{
-    file_ = std::fopen(path, "rb");
-    if (!file_) {
-        orb_log("The file %s could not be opened\n", path);
-        throw ORBException("File Could not be opened!");
-    }
-    buffer_.reset(new unsigned char[kBufferSize]);
-    cur_ = end_ = buffer_.get();
-    position_ = int32_t(std::ftell(file_));
-}
-
-FileInputStream::FileInputStream(FILE* file) : file_(file)
-{
-    buffer_.reset(new unsigned char[kBufferSize]);
-    cur_ = end_ = buffer_.get();
-    std::fseek(file_, 0, SEEK_SET);
-    position_ = int32_t(std::ftell(file_));
-}
-
-FileInputStream::~FileInputStream()
-{
-    if (file_)
-        std::fclose(file_);
-    file_ = nullptr;
-}
-
-bool FileInputStream::refill()
-{
-    bufferStart_ = offset();
-    size_t n = std::fread(buffer_.get(), 1, kBufferSize, file_);
-    cur_ = buffer_.get();
-    end_ = cur_ + n;
-    return n > 0;
-}
-
-int FileInputStream::getRawData(void* buffer, int count)
+int WindowedInputStream::getRawData(void* buffer, int count)
 {
     auto* out = static_cast<unsigned char*>(buffer);
     int done = 0;
@@ -123,30 +87,26 @@ int FileInputStream::getRawData(void* buffer, int count)
         cur_ += take;
         done += take;
     }
-    position_ += done;
+    advance(done);
     return done;
 }
 
-int FileInputStream::seek(long position)
+int WindowedInputStream::seek(long position)
 {
-    position_ = int32_t(position);
-    // A target inside the buffered window needs no system call.
-    long buffered = end_ - buffer_.get();
-    if (position >= bufferStart_ && position <= bufferStart_ + buffered) {
-        cur_ = buffer_.get() + (position - bufferStart_);
+    position_ = int32_t(uint32_t(position));
+    // A target inside the window needs no work.
+    if (position >= windowStart_ && position - windowStart_ <= end_ - base_) {
+        cur_ = base_ + (position - windowStart_);
         eof_ = false;
         return 0;
     }
-    int r = std::fseek(file_, position, SEEK_SET);
-    if (r == 0) {
-        bufferStart_ = position;
-        cur_ = end_ = buffer_.get();
+    int r = reposition(position);
+    if (r == 0)
         eof_ = false;
-    }
     return r;
 }
 
-int FileInputStream::getTerminatedString(char* buffer, int size)
+int WindowedInputStream::getTerminatedString(char* buffer, int size)
 {
     if (size <= 0)
         return -1;
@@ -166,8 +126,57 @@ int FileInputStream::getTerminatedString(char* buffer, int size)
         return -1; // the buffer is left as it was
     buffer[n] = '\0';
     int len = int(std::strlen(buffer));
-    position_ += len;
+    advance(len);
     return len;
+}
+
+// ---------------------------------------------------------------------------
+// FileInputStream
+
+FileInputStream::FileInputStream(const char* path)
+{
+    file_ = std::fopen(path, "rb");
+    if (!file_) {
+        orb_log("The file %s could not be opened\n", path);
+        throw ORBException("File Could not be opened!");
+    }
+    buffer_.reset(new unsigned char[kBufferSize]);
+    base_ = cur_ = end_ = buffer_.get();
+    position_ = int32_t(std::ftell(file_));
+}
+
+FileInputStream::FileInputStream(FILE* file) : file_(file)
+{
+    buffer_.reset(new unsigned char[kBufferSize]);
+    base_ = cur_ = end_ = buffer_.get();
+    std::fseek(file_, 0, SEEK_SET);
+    position_ = int32_t(std::ftell(file_));
+}
+
+FileInputStream::~FileInputStream()
+{
+    if (file_)
+        std::fclose(file_);
+    file_ = nullptr;
+}
+
+bool FileInputStream::refill()
+{
+    windowStart_ = offset();
+    size_t n = std::fread(buffer_.get(), 1, kBufferSize, file_);
+    base_ = cur_ = buffer_.get();
+    end_ = cur_ + n;
+    return n > 0;
+}
+
+int FileInputStream::reposition(long position)
+{
+    int r = std::fseek(file_, position, SEEK_SET);
+    if (r == 0) {
+        windowStart_ = position;
+        base_ = cur_ = end_ = buffer_.get();
+    }
+    return r;
 }
 
 FILE* FileInputStream::getRawFile()
@@ -175,7 +184,40 @@ FILE* FileInputStream::getRawFile()
     // Hand the file over positioned where this stream's reads have got to.
     long at = offset();
     std::fseek(file_, at, SEEK_SET);
-    bufferStart_ = at;
-    cur_ = end_ = buffer_.get();
+    windowStart_ = at;
+    base_ = cur_ = end_ = buffer_.get();
     return file_;
+}
+
+// ---------------------------------------------------------------------------
+// MemoryInputStream
+
+MemoryInputStream::MemoryInputStream(const void* data, size_t size)
+    : data_(static_cast<const unsigned char*>(data)), size_(data ? size : 0)
+{
+    base_ = cur_ = data_;
+    end_ = data_ ? data_ + size_ : data_;
+}
+
+MemoryInputStream::MemoryInputStream(std::unique_ptr<unsigned char[]> owned, size_t size)
+    : MemoryInputStream(owned.get(), size)
+{
+    owned_ = std::move(owned);
+}
+
+int MemoryInputStream::reposition(long position)
+{
+    if (position < 0)
+        return -1; // as fseek: a negative offset is refused
+    if (size_t(position) <= size_) {
+        windowStart_ = 0;
+        base_ = data_;
+        end_ = data_ + size_;
+        cur_ = data_ + position;
+    } else {
+        // Past the end, as a file allows: nothing there to read.
+        windowStart_ = position;
+        base_ = cur_ = end_ = data_ + size_;
+    }
+    return 0;
 }

@@ -32,7 +32,7 @@ public:
     int getByte()
     {
         if (cur_ < end_) {
-            ++position_;
+            advance(1);
             return *cur_++;
         }
         return getByteSlow();
@@ -42,7 +42,7 @@ public:
         if (end_ - cur_ >= 2) {
             int v = (cur_[0] << 8) | cur_[1];
             cur_ += 2;
-            position_ += 2;
+            advance(2);
             return v;
         }
         return getWordSlow();
@@ -53,7 +53,7 @@ public:
             unsigned int v = (uint32_t(cur_[0]) << 24) | (uint32_t(cur_[1]) << 16) |
                              (uint32_t(cur_[2]) << 8) | uint32_t(cur_[3]);
             cur_ += 4;
-            position_ += 4;
+            advance(4);
             return v;
         }
         return getIntSlow();
@@ -76,16 +76,47 @@ protected:
     const unsigned char* end_ = nullptr;
     int32_t position_ = 0;
 
+    // Counts n bytes consumed; past 2^31 - 1 the counter wraps round.
+    void advance(long n) { position_ = int32_t(uint32_t(position_) + uint32_t(n)); }
+
 private:
     int getByteSlow();
     int getWordSlow();
     unsigned int getIntSlow();
 };
 
-// A stream over a standard-I/O file, read through a large buffer.  Its eof(),
-// short reads, line reads and seeks behave exactly as feof, fread, fgets and
-// fseek on the file would.
-class FileInputStream : public InputStream {
+// The part common to the concrete streams: every byte they hand out lies in
+// the window [cur_, end_), which starts at data offset windowStart_ (the
+// byte at base_).  eof(), short reads, line reads and seeks behave exactly
+// as feof, fread, fgets and fseek on a file holding the data would.  A
+// concrete stream supplies the data: refill() when the window runs out,
+// reposition() for a seek outside it.
+class WindowedInputStream : public InputStream {
+public:
+    bool eof() const override { return eof_; }
+    int getRawData(void* buffer, int count) override;
+    int seek(long position) override;
+    int getTerminatedString(char* buffer, int size) override;
+
+protected:
+    // Makes the window hold the bytes that follow it (called only when the
+    // window is used up, so at offset()); false when there are none.
+    virtual bool refill() = 0;
+    // Moves to `position`, outside the window: returns 0 and leaves the
+    // window empty or holding that byte, or returns non-zero (the window
+    // unchanged) as fseek refuses a negative offset.
+    virtual int reposition(long position) = 0;
+
+    // Data offset of the next byte the window hands out.
+    long offset() const { return windowStart_ + long(cur_ - base_); }
+
+    const unsigned char* base_ = nullptr;
+    long windowStart_ = 0;
+    bool eof_ = false;
+};
+
+// A stream over a standard-I/O file, read through a large buffer.
+class FileInputStream : public WindowedInputStream {
 public:
     // Opens path for reading; logs and throws "File Could not be opened!"
     // when it cannot.
@@ -97,28 +128,44 @@ public:
     FileInputStream(const FileInputStream&) = delete;
     FileInputStream& operator=(const FileInputStream&) = delete;
 
-    bool eof() const override { return eof_; }
-    int getRawData(void* buffer, int count) override;
-    int seek(long position) override;
-    int getTerminatedString(char* buffer, int size) override;
-
     // The underlying file, positioned where the stream's reads have got to.
     FILE* getRawFile();
 
 protected:
-    static constexpr size_t kBufferSize = 256 * 1024;
-
-    // Refills the window from the file; false at end of file or on error.
-    virtual bool refill();
-    // File offset of the next byte the window hands out.
-    long offset() const { return bufferStart_ + (cur_ - buffer_.get()); }
+    bool refill() override;
+    int reposition(long position) override;
 
 private:
+    static constexpr size_t kBufferSize = 256 * 1024;
 
     FILE* file_ = nullptr;
     std::unique_ptr<unsigned char[]> buffer_;
-    long bufferStart_ = 0; // file offset of buffer_[0]
-    bool eof_ = false;
+};
+
+// A stream over bytes in memory: the whole data is the window.  The bytes
+// are read in place; they must outlive the stream unless it owns them.
+class MemoryInputStream : public WindowedInputStream {
+public:
+    // Reads the caller's `size` bytes at `data` (null only when size is 0).
+    MemoryInputStream(const void* data, size_t size);
+    // Reads, and owns, `size` bytes.
+    MemoryInputStream(std::unique_ptr<unsigned char[]> owned, size_t size);
+
+    MemoryInputStream(const MemoryInputStream&) = delete;
+    MemoryInputStream& operator=(const MemoryInputStream&) = delete;
+
+    // The bytes from where the stream's reads have got to up to the end.
+    const unsigned char* rest() const { return cur_; }
+    size_t restSize() const { return size_t(end_ - cur_); }
+
+protected:
+    bool refill() override { return false; }
+    int reposition(long position) override;
+
+private:
+    std::unique_ptr<unsigned char[]> owned_;
+    const unsigned char* data_;
+    size_t size_;
 };
 
 #endif

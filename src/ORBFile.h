@@ -40,11 +40,24 @@ extern std::atomic<int> utf8encoding;
 // The two container forms.
 enum class ContainerForm { Plain, Compressed };
 
+// The most an inflated body may hold: every stream position fits a signed
+// 32-bit index entry.  Inflating stops there with a log line; the bytes
+// before it are kept.
+constexpr uint64_t kInflatedBodyLimit = 0x7FFFFFFFu;
+
 // Inflates the zlib stream that starts at source's position into
 // destination.  Returns 0 when the stream ended, else a negative zlib code.
 int do_uncompress(FILE* source, FILE* destination);
-// The same, handing each inflated piece to sink; a sink that returns false
-// stops it (Z_ERRNO).
+// Inflates the zlib stream in the `size` bytes at `source` into a memory
+// stream that owns its bytes.  A damaged or cut stream yields what inflated
+// before the damage.  Throws std::bad_alloc when memory runs out.
+std::unique_ptr<InputStream> inflateToMemory(const unsigned char* source, size_t size);
+// The two with a smaller limit than kInflatedBodyLimit.
+int do_uncompress(FILE* source, FILE* destination, uint64_t limit);
+std::unique_ptr<InputStream> inflateToMemory(const unsigned char* source, size_t size, uint64_t limit);
+// Inflates the zlib stream that starts at source's position (up to
+// kInflatedBodyLimit bytes), handing each piece to sink; a sink that
+// returns false stops it (Z_ERRNO).
 int inflateInto(FILE* source, const std::function<bool(const unsigned char*, size_t)>& sink);
 
 // What the cursor hands out for a copy of a queued sample of index entry
@@ -56,6 +69,9 @@ public:
     // Opens path.  options: bits 0-1 consistency mode, bit 2 tolerant
     // pre-scan, bit 3 time adjustment off.  Throws ORBException.
     ORBFile(const char* path, int options, bool loadEvents, bool loadSamples);
+    // The same over `size` bytes at `data`, read in place (they must
+    // outlive the file); a compressed body is inflated into memory.
+    ORBFile(const void* data, size_t size, int options, bool loadEvents, bool loadSamples);
     ~ORBFile();
 
     ORBFile(const ORBFile&) = delete;
@@ -160,6 +176,8 @@ public:
     int32_t currentBookmark = -1;
 
 private:
+    void setOptions(int options);
+    void open(std::unique_ptr<InputStream> source);
     ContainerForm readMagic();
     bool settleTimeOffset(uint32_t first);
     int jumpToFirstTrial(uint32_t ORBTrial::*member, unsigned int time);

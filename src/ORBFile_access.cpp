@@ -128,12 +128,12 @@ void finishSample(FSAMPLE& fs, const ORBItem& item)
 
 ALLF_DATA* ORBFile::getFloatData()
 {
-    // Before the first step there is nothing to read: the buffer as it is.
-    if (!itemRequested)
-        return &currentData;
     const int index = current - 1;
     if (index < 0 || size_t(index) >= items.size())
         return nullptr;
+    // Before the first step nothing is read: the buffer as it is.
+    if (!itemRequested)
+        return &currentData;
     try {
         if (readItem(index) != 0) {
             orb_log("Read error \n");
@@ -232,15 +232,12 @@ ALLF_DATA* ORBFile::getSampleCloseToTime(unsigned int key)
     const int index = findIndex(key, 0, int(items.size()));
     if (index < 1)
         return nullptr;
-    // Read the sample as if stepped onto, even before the first step, and
-    // leave the cursor as it was.
+    // Read the sample as if stepped onto and leave the cursor as it was.
+    // Before the first step the buffer comes back unread.
     const int32_t savedCurrent = current;
-    const bool savedRequested = itemRequested;
     current = index + 1;
-    itemRequested = true;
     ALLF_DATA* data = getFloatData();
     current = savedCurrent;
-    itemRequested = savedRequested;
     return data;
 }
 

@@ -42,6 +42,23 @@ bool startsWith(const char* s, const char* prefix)
 ORBFile::ORBFile(const char* path, int options, bool loadEvents_, bool loadSamples_)
     : loadEvents(loadEvents_), loadSamples(loadSamples_)
 {
+    setOptions(options);
+    open(std::make_unique<FileInputStream>(path));
+}
+
+ORBFile::ORBFile(const void* data, size_t size, int options, bool loadEvents_, bool loadSamples_)
+    : loadEvents(loadEvents_), loadSamples(loadSamples_)
+{
+    setOptions(options);
+    if (!data && size != 0) {
+        orb_log("The memory image could not be read\n");
+        throw ORBException("File Could not be opened!");
+    }
+    open(std::make_unique<MemoryInputStream>(data, size));
+}
+
+void ORBFile::setOptions(int options)
+{
     consistencyMode = options & 3;
     if (consistencyMode != 0)
         fixupMode = consistencyMode == 2;
@@ -50,17 +67,24 @@ ORBFile::ORBFile(const char* path, int options, bool loadEvents_, bool loadSampl
 
     queue = std::make_unique<SampleQueue>(this);
     std::memset(eventPairs, 0xFF, sizeof eventPairs);
+}
 
-    stream = std::make_unique<FileInputStream>(path);
+void ORBFile::open(std::unique_ptr<InputStream> source)
+{
+    stream = std::move(source);
     isOpen = 1;
 
     ContainerForm form = readMagic();
     readPreamble();
     if (form == ContainerForm::Compressed) {
-        // A damaged body is not an error here: what inflated becomes the
-        // item stream, and the readers meet its end as end of file.
-        std::unique_ptr<FileInputStream> source(static_cast<FileInputStream*>(stream.release()));
-        stream = InflatingStream::open(std::move(source));
+        if (auto* memory = dynamic_cast<MemoryInputStream*>(stream.get())) {
+            stream = inflateToMemory(memory->rest(), memory->restSize());
+        } else {
+            // A damaged body is not an error here: what inflated becomes the
+            // item stream, and the readers meet its end as end of file.
+            std::unique_ptr<FileInputStream> source(static_cast<FileInputStream*>(stream.release()));
+            stream = InflatingStream::open(std::move(source));
+        }
     }
 
     preScan(tolerantScan ? 4 : 0);

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -12,8 +13,8 @@ namespace {
 // The caller's log function; null prints to standard output.
 std::atomic<void (*)(char*)> logfcn{nullptr};
 
-// Per thread: where its logged lines are collected, and its last failure.
-thread_local std::string* capture = nullptr;
+// The innermost LastErrorScope of this thread, and its last failure.
+thread_local LastErrorScope* activeScope = nullptr;
 thread_local std::string lastError;
 
 // Standard output receives the formatted text used as a format a second
@@ -42,8 +43,8 @@ int orb_logv(const char* fmt, va_list args)
 {
     char buffer[500] = {};
     std::vsnprintf(buffer, sizeof buffer, fmt, args);
-    if (capture)
-        capture->append(buffer);
+    if (activeScope)
+        activeScope->keep(buffer);
     if (auto sink = logfcn.load(std::memory_order_acquire))
         sink(buffer);
     else
@@ -60,18 +61,37 @@ int orb_log(const char* fmt, ...)
     return 0;
 }
 
-LastErrorCapture::LastErrorCapture() : outer_(capture)
+LastErrorScope::LastErrorScope() : outer_(activeScope) { activeScope = this; }
+
+LastErrorScope::~LastErrorScope()
 {
-    capture = &lines_;
+    activeScope = outer_;
+    try {
+        std::string all = text();
+        if (outer_)
+            outer_->keep(all.c_str()); // as if logged under the outer scope
+        lastError = failed_ ? std::move(all) : std::string();
+    } catch (...) {
+        lastError.clear(); // out of memory: no reason rather than a wrong one
+    }
 }
 
-LastErrorCapture::~LastErrorCapture()
+void LastErrorScope::keep(const char* line) noexcept
 {
-    capture = outer_;
-    if (outer_)
-        outer_->append(lines_);
-    lastError = failed_ ? lines_ : std::string();
+    try {
+        const size_t n = std::strlen(line);
+        if (!dropped_ && lines_.size() + n <= kLimit) {
+            lines_.append(line, n);
+            return;
+        }
+        dropped_ = true;
+        last_.assign(line, n);
+    } catch (...) {
+        dropped_ = true; // out of memory: the line is lost
+    }
 }
+
+std::string LastErrorScope::text() const { return dropped_ ? lines_ + last_ : lines_; }
 
 extern "C" {
 

@@ -30,6 +30,29 @@ ALLF_DATA* adjusted(ORBFile* f, ALLF_DATA* data)
     return data;
 }
 
+// Runs make() (which news an ORBFile) as an open of the function interface:
+// failures are logged, counted in *errval and kept as the thread's last
+// error.
+template <class Make>
+_ORBFILE* opened(int* errval, Make make)
+{
+    LastErrorScope scope;
+    *errval = 0;
+    try {
+        _ORBFILE* handle = reinterpret_cast<_ORBFILE*>(make());
+        scope.succeeded();
+        return handle;
+    } catch (const ORBException& e) {
+        orb_log("%s\n", e.what());
+    } catch (const std::bad_alloc&) {
+        orb_log("%s\n", "Out of memory");
+    } catch (...) {
+        orb_log("%s\n", "Unexpected error while opening");
+    }
+    *errval = -1;
+    return nullptr;
+}
+
 float currentRate(ORBFile* f)
 {
     return f->currentRecording ? f->currentRecording->sampleRate : 0.0f;
@@ -42,21 +65,17 @@ extern "C" {
 _ORBFILE* orb_open_file(const char* fname, int consistency, int loadevents, int loadsamples,
                         int* errval)
 {
-    *errval = 0;
-    try {
-        return reinterpret_cast<_ORBFILE*>(
-            new ORBFile(fname, consistency, loadevents != 0, loadsamples != 0));
-    } catch (const ORBException& e) {
-        *errval = -1;
-        orb_log("%s\n", e.what());
-    } catch (const std::bad_alloc&) {
-        *errval = -1;
-        orb_log("%s\n", "Out of memory");
-    } catch (...) {
-        *errval = -1;
-        orb_log("%s\n", "Unexpected error while opening");
-    }
-    return nullptr;
+    return opened(errval, [&] {
+        return new ORBFile(fname, consistency, loadevents != 0, loadsamples != 0);
+    });
+}
+
+_ORBFILE* orb_open_memory(const void* data, size_t size, int consistency, int loadevents,
+                          int loadsamples, int* errval)
+{
+    return opened(errval, [&] {
+        return new ORBFile(data, size, consistency, loadevents != 0, loadsamples != 0);
+    });
 }
 
 int orb_close_file(_ORBFILE* ef)
@@ -178,6 +197,8 @@ int orb_get_preamble_text(_ORBFILE* ef, char* buffer, int length)
 }
 
 const char* orb_get_version(void) { return "3.1 Linux Sep  2 2011"; }
+
+const char* orb_library_version(void) { return ORBAPI_VERSION_STRING; }
 
 int orb_get_revision(_ORBFILE* ef) { return int16_t(file(ef)->trackerRevision); }
 int orb_get_oculant_revision(_ORBFILE* ef) { return int16_t(file(ef)->trackerModel); }

@@ -5,7 +5,6 @@
 // is stepped onto and read exactly as orb_get_next_data and
 // orb_get_float_data do it, so that repairs, velocities and the time
 // adjustment are those of the cursor by construction.
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -258,27 +257,28 @@ const Table* tableOf(const ORB_COLUMNS* c, int table)
     return &c->tables[table];
 }
 
-ORB_COLUMNS* readColumns(const char* path, int consistency, int loadevents, int loadsamples, int flags,
-                         const char* trialStart, const char* trialEnd, orb_progress_function progress,
-                         void* user, int* errval)
+// Opens the recording with open(), builds its trial list and reads it into
+// columns.  Failures are logged, counted in *errval and kept as the thread's
+// last error.
+template <class Open>
+ORB_COLUMNS* readColumns(Open open, int flags, const char* trialStart, const char* trialEnd,
+                         orb_progress_function progress, void* user, int* errval)
 {
-    LastErrorCapture capture;
-    int err = 0;
-    ORB_COLUMNS* result = nullptr;
+    LastErrorScope scope;
+    int err = -1;
     try {
-        if (!path)
-            throw ORBException("File Could not be opened!");
-        ORBFile f(path, consistency, loadevents != 0, loadsamples != 0);
-        // The identifiers are the caller's only during the call.
-        std::string startId, endId;
-        startId.append(trialStart ? trialStart : "TRIALID");
-        endId.append(trialEnd ? trialEnd : "");
-        f.trialStartId = startId.c_str();
-        f.trialEndId = trialEnd ? endId.c_str() : nullptr;
-        f.collectTrials();
-        result = ColumnReader(f, flags, progress, user).run().release();
+        std::unique_ptr<ORBFile> f = open();
+        const std::string startId = trialStart ? trialStart : "TRIALID";
+        const std::string endId = trialEnd ? trialEnd : "";
+        f->trialStartId = startId.c_str();
+        f->trialEndId = trialEnd ? endId.c_str() : nullptr;
+        f->collectTrials();
+        ORB_COLUMNS* result = ColumnReader(*f, flags, progress, user).run().release();
+        scope.succeeded();
+        if (errval)
+            *errval = 0;
+        return result;
     } catch (const ORBException& e) {
-        err = -1;
         orb_log("%s\n", e.what());
     } catch (const Cancelled&) {
         err = -2;
@@ -287,14 +287,11 @@ ORB_COLUMNS* readColumns(const char* path, int consistency, int loadevents, int 
         err = -3;
         orb_log("%s\n", "Out of memory");
     } catch (...) {
-        err = -1;
         orb_log("%s\n", "Unexpected error while opening");
     }
-    if (!result)
-        capture.fail();
     if (errval)
         *errval = err;
-    return result;
+    return nullptr;
 }
 
 } // namespace
@@ -305,8 +302,13 @@ ORB_COLUMNS* orb_read_columns(const char* fname, int consistency, int loadevents
                               int flags, const char* trial_start, const char* trial_end,
                               orb_progress_function progress, void* user, int* errval)
 {
-    return readColumns(fname, consistency, loadevents, loadsamples, flags, trial_start, trial_end,
-                       progress, user, errval);
+    return readColumns(
+        [&] {
+            if (!fname)
+                throw ORBException("File Could not be opened!");
+            return std::make_unique<ORBFile>(fname, consistency, loadevents != 0, loadsamples != 0);
+        },
+        flags, trial_start, trial_end, progress, user, errval);
 }
 
 ORB_COLUMNS* orb_read_columns_memory(const void* data, size_t size, int consistency, int loadevents,
@@ -314,33 +316,12 @@ ORB_COLUMNS* orb_read_columns_memory(const void* data, size_t size, int consiste
                                      const char* trial_end, orb_progress_function progress,
                                      void* user, int* errval)
 {
-    // The bytes go through a private temporary file.
-    const char* dir = std::getenv("TMPDIR");
-    std::string path;
-    path.append(dir && *dir ? dir : "/tmp").append("/orbapi-XXXXXX");
-    int fd = mkstemp(&path[0]);
-    bool written = fd >= 0 && (size == 0 || data);
-    for (size_t done = 0; written && done < size;) {
-        ssize_t n = ::write(fd, static_cast<const char*>(data) + done, size - done);
-        written = n > 0;
-        done += written ? size_t(n) : 0;
-    }
-    if (fd >= 0)
-        ::close(fd);
-    ORB_COLUMNS* c = nullptr;
-    if (written) {
-        c = readColumns(path.c_str(), consistency, loadevents, loadsamples, flags, trial_start,
-                        trial_end, progress, user, errval);
-    } else {
-        LastErrorCapture capture;
-        capture.fail();
-        orb_log("Failed to create temp file \n");
-        if (errval)
-            *errval = -1;
-    }
-    if (fd >= 0)
-        ::unlink(path.c_str());
-    return c;
+    return readColumns(
+        [&] {
+            return std::make_unique<ORBFile>(data, size, consistency, loadevents != 0,
+                                             loadsamples != 0);
+        },
+        flags, trial_start, trial_end, progress, user, errval);
 }
 
 void orb_free_columns(ORB_COLUMNS* c) { delete c; }

@@ -219,10 +219,12 @@ TEST(Positioning, SampleCloseToTime)
     auto f = openOrb(w);
     LogCapture log; // the samples lie outside any block
     ASSERT_EQ(f->items[0].code(), unsigned(SAMPLE));
-    // Before the first step: read all the same, and still no step taken.
+    // Before the first step: the buffer comes back unread, and still no
+    // step taken.
     ALLF_DATA* d = f->getSampleCloseToTime(2 * 504);
-    ASSERT_NE(d, nullptr);
-    EXPECT_EQ(d->fs.time, 504u);
+    EXPECT_EQ(d, &f->currentData);
+    EXPECT_EQ(d->fs.time, 0u);
+    EXPECT_TRUE(log.lines().empty());
     EXPECT_EQ(f->current, 0);
     EXPECT_FALSE(f->itemRequested);
 

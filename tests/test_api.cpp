@@ -9,6 +9,7 @@
 #include "orbapi.h"
 
 using namespace orbtest;
+using Lines = std::vector<std::string>;
 
 namespace {
 
@@ -176,15 +177,48 @@ TEST(Api, SampleCloseToTime)
     OrbWriter w;
     addBlock(w, 1000, 10);
     _ORBFILE* f = openWriter(w);
+    orb_get_next_data(f);
     ALLF_DATA* d = orb_get_sample_close_to_time(f, 1004);
     ASSERT_NE(d, nullptr);
     EXPECT_EQ(d->fs.time, 1004u);
-    EXPECT_EQ(orb_get_element_index(f), 0); // the cursor stays
+    EXPECT_EQ(orb_get_element_index(f), 1); // the cursor stays
     EXPECT_EQ(orb_get_sample_close_to_time(f, 1005), nullptr);
     // Times of 2^31 and more wrap when doubled.
     d = orb_get_sample_close_to_time(f, 0x80000000u + 1006);
     ASSERT_NE(d, nullptr);
     EXPECT_EQ(d->fs.time, 1006u);
+    orb_close_file(f);
+}
+
+// Before the first orb_get_next_data nothing is read: the current record
+// does not exist yet, and a lookup by time hands the buffer back unread.
+TEST(Api, NothingIsReadBeforeTheFirstStep)
+{
+    OrbWriter empty;
+    _ORBFILE* f = openWriter(empty);
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(orb_get_float_data(f), nullptr);
+    orb_close_file(f);
+
+    OrbWriter w; // samples outside any block: reading one would warn
+    addSamples(w, {1000, 1002, 1004, 1006});
+    f = openWriter(w);
+    LogCapture log;
+    EXPECT_EQ(orb_get_float_data(f), nullptr);
+    ALLF_DATA* d = orb_get_sample_close_to_time(f, 1004);
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(d->fs.time, 0u) << "not decoded";
+    EXPECT_EQ(log.lines(), Lines{"Unknown type 0\n"}) << "only the time adjustment speaks";
+    EXPECT_EQ(orb_get_element_index(f), 0);
+
+    // The first step makes both read.
+    log.clear();
+    EXPECT_EQ(orb_get_next_data(f), SAMPLE);
+    ASSERT_NE(orb_get_float_data(f), nullptr);
+    d = orb_get_sample_close_to_time(f, 1004);
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(d->fs.time, 1004u);
+    EXPECT_TRUE(log.contains("WARNING: ORB FILE MAY BE CORRUPTED. Samples 1004 found without start recording \n"));
     orb_close_file(f);
 }
 

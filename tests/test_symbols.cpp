@@ -25,7 +25,7 @@ TEST(Symbols, ExactlyTheInterfaceIsExported)
     pclose(p);
 
     std::set<std::string> expected = {
-        "orb_open_file", "orb_close_file", "orb_get_next_data", "orb_get_float_data",
+        "orb_open_file", "orb_open_memory", "orb_get_last_error", "orb_close_file", "orb_get_next_data", "orb_get_float_data",
         "orb_get_sample_data", "orb_get_event_data", "orb_get_recording_data",
         "orb_get_sample_close_to_time", "orb_get_element_count", "orb_get_event", "orb_get_sample",
         "orb_get_recording", "orb_get_trial_count", "orb_jump_to_trial", "orb_get_trial_header",
@@ -33,7 +33,8 @@ TEST(Symbols, ExactlyTheInterfaceIsExported)
         "orb_goto_trial_with_end_time", "orb_set_trial_identifier", "orb_get_start_trial_identifier",
         "orb_get_end_trial_identifier", "orb_set_bookmark", "orb_free_bookmark", "orb_goto_bookmark",
         "orb_goto_next_bookmark", "orb_goto_previous_bookmark", "orb_get_preamble_text_length",
-        "orb_get_preamble_text", "orb_get_version", "orb_get_revision", "orb_get_oculant_revision",
+        "orb_get_preamble_text", "orb_get_version", "orb_library_version", "orb_get_revision",
+        "orb_get_oculant_revision",
         "orb_set_log_function", "print_log",
         "orb_get_uncorrected_pupil_area", "orb_get_uncorrected_cr_area",
         "orb_get_uncorrected_cr2_area", "orb_get_pupil_dimension", "orb_get_cr_dimension",
