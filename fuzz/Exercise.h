@@ -16,6 +16,12 @@
 
 namespace orbfuzz {
 
+// The open arguments tried on every input: the consistency modes (none,
+// check, repair, tolerant, tolerant repair, no time adjustment) and the
+// load switches (both, events only, samples only).
+constexpr int kModes[] = {0, 1, 2, 4, 6, 8};
+constexpr int kLoads[][2] = {{1, 1}, {1, 0}, {0, 1}};
+
 // What the calls returned, as bytes.  Pointers are not written down (two
 // handles keep their records at different addresses); what they point to
 // is.

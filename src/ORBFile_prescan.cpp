@@ -31,7 +31,7 @@ constexpr uint64_t kMaxPlaceholders = uint64_t(1) << 22;
 // Nor may they outgrow the file: up to this many, and then two for every
 // byte of the item stream read so far, so that a few bytes claiming a long
 // dropout cannot make the index (16 bytes an entry) dwarf the file.
-constexpr uint64_t kFreePlaceholders = uint64_t(1) << 14;
+constexpr uint64_t kFreePlaceholders = uint64_t(1) << 12;
 constexpr uint64_t kPlaceholdersPerByte = 2;
 
 // Index capacity: a first estimate from the bytes to scan, then, should it
