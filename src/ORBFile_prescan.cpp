@@ -7,8 +7,6 @@
 // scan fills dropped samples with placeholder entries (repair mode) and
 // pairs the separate start and end markers of a block's sample and event
 // streams into one block record.
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -131,13 +129,10 @@ private:
 
 void PreScanner::reserveIndex()
 {
-    auto* fileStream = dynamic_cast<FileInputStream*>(f_.stream.get());
-    if (!fileStream)
+    const int64_t length = f_.stream->length();
+    if (length <= 0)
         return;
-    struct stat st;
-    if (fstat(fileno(fileStream->getRawFile()), &st) != 0 || st.st_size <= 0)
-        return;
-    streamBytes_ = uint64_t(st.st_size);
+    streamBytes_ = uint64_t(length);
     int32_t at = f_.stream->position();
     uint64_t remaining = streamBytes_ > uint64_t(std::max(at, 0)) ? streamBytes_ - uint64_t(at) : 0;
     uint64_t estimate = std::min(remaining / kBytesPerEntryGuess + 256, kMaxReservedEntries);
