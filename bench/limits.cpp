@@ -82,6 +82,36 @@ Bytes sampleAt(uint32_t t)
     return b;
 }
 
+// The reference: an ordinary recording of the same size (binocular samples
+// at 1000 Hz, a fixation and a saccade every 300 ms, a message a second).
+Bytes ordinary(size_t size)
+{
+    Bytes out = header();
+    append(out, blockStarts(1000));
+    for (uint32_t t = 1000; out.size() < size; ++t) {
+        SampleItem s;
+        s.flags = kSampleBit | kFullTime | kLeft | kRight | kGaze | kPupil | kRes;
+        s.time = t;
+        for (int e = 0; e < 2; ++e) {
+            s.gaze[e][0] = int16_t(500 + (t % 300));
+            s.gaze[e][1] = int16_t(400 - (t % 200));
+            s.pupil[e] = 900;
+        }
+        s.res[0] = s.res[1] = 350;
+        s.writeTo(out);
+        if (t % 300 == 0) {
+            append(out, EventItem(SFIX, 0).start(t - 250).bytes());
+            append(out, EventItem(EFIX, 0).start(t - 250).end(t - 50).bytes());
+            append(out, EventItem(SSACC, 0).start(t - 49).bytes());
+            append(out, EventItem(ESACC, 0).start(t - 49).end(t - 10).bytes());
+        }
+        if (t % 1000 == 0)
+            append(out, EventItem(24, -1).start(t).message("TRIALID " + std::to_string(t)).bytes());
+    }
+    put16(out, 0);
+    return out;
+}
+
 // Samples whose clock jumps by a large step every few samples, read in
 // repair mode (which fills what looks like dropped samples).
 Bytes timeJumps(size_t size)
@@ -203,6 +233,8 @@ int main(int argc, char** argv)
     const size_t mb = argc > 1 ? size_t(std::atol(argv[1])) : 4;
     const size_t size = mb << 20;
     const Shape shapes[] = {
+        {"ordinary recording (reference)", 0, false, [&] { return ordinary(size); }},
+        {"ordinary recording, repair mode", 2, false, [&] { return ordinary(size); }},
         {"time jumps, repair mode", 2, false, [&] { return timeJumps(size); }},
         {"time jumps, repair + tolerant", 6, false, [&] { return timeJumps(size); }},
         {"one instant, samples and events", 0, false, [&] { return oneInstant(size); }},
