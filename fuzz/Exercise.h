@@ -147,6 +147,7 @@ inline void exercisePreamble(_ORBFILE* f, Transcript& t)
     t.value(small);
     t.value(orb_get_revision(f));
     t.value(orb_get_oculant_revision(f));
+    t.bytes(orb_get_version(), std::strlen(orb_get_version()));
 }
 
 inline void exerciseTrials(_ORBFILE* f, Transcript& t)
@@ -154,7 +155,7 @@ inline void exerciseTrials(_ORBFILE* f, Transcript& t)
     const int count = orb_get_trial_count(f);
     t.value(count);
     std::vector<TRIAL> headers;
-    const int shown = count < 64 ? count : 64;
+    const int shown = count < 256 ? count : 256;
     for (int i = -1; i <= shown; ++i) {
         t.value(orb_jump_to_trial(f, i));
         TRIAL h{};
