@@ -298,9 +298,11 @@ ORBAPI_EXPORT _ORBFILE *orb_open_memory(const void *data, size_t size,
  * orb_read_columns_memory called on this thread failed: the lines the
  * library logged during that call, in order, exactly as the log function
  * received them (for example "Bad magic.  Corrupt orb file. \n...").  The
- * empty string when that call succeeded or none was made yet.  The text
- * belongs to the calling thread and stays valid until its next open or
- * read; each thread has its own.  Never NULL. */
+ * lines are kept whether or not a log function is set.  Should they pass a
+ * megabyte, the ones after that are left out except the last.  The empty
+ * string when that call succeeded or none was made yet.  The text belongs
+ * to the calling thread and stays valid until its next open or read; each
+ * thread has its own.  Never NULL. */
 ORBAPI_EXPORT const char *orb_get_last_error(void);
 
 /* Closes the file and frees everything it holds: after it, the handle and

@@ -25,6 +25,8 @@ public:
 
     // A generous guess of the inflated size, from the compressed size.
     uint64_t expectedBytes() const { return expectedBytes_; }
+    // The body is still growing while it is scanned: its expected size.
+    int64_t length() const override { return int64_t(expectedBytes_); }
 
 private:
     InflatingStream(FILE* reader, int writer, std::unique_ptr<FileInputStream> source);

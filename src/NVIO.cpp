@@ -1,5 +1,7 @@
 #include "NVIO.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -187,6 +189,14 @@ FILE* FileInputStream::getRawFile()
     windowStart_ = at;
     base_ = cur_ = end_ = buffer_.get();
     return file_;
+}
+
+int64_t FileInputStream::length() const
+{
+    struct stat st;
+    if (fstat(fileno(file_), &st) != 0 || !S_ISREG(st.st_mode))
+        return -1;
+    return int64_t(st.st_size);
 }
 
 // ---------------------------------------------------------------------------

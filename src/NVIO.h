@@ -67,6 +67,8 @@ public:
 
     // Bytes consumed so far, counted from the last seek.
     int32_t position() const { return position_; }
+    // Size of the whole data in bytes; -1 when not known.
+    virtual int64_t length() const { return -1; }
 
 protected:
     // The window of data that the typed readers may take without a call:
@@ -130,6 +132,8 @@ public:
 
     // The underlying file, positioned where the stream's reads have got to.
     FILE* getRawFile();
+    // The file's size (-1 when it has none, as a pipe).
+    int64_t length() const override;
 
 protected:
     bool refill() override;
@@ -157,6 +161,7 @@ public:
     // The bytes from where the stream's reads have got to up to the end.
     const unsigned char* rest() const { return cur_; }
     size_t restSize() const { return size_t(end_ - cur_); }
+    int64_t length() const override { return int64_t(size_); }
 
 protected:
     bool refill() override { return false; }

@@ -7,15 +7,12 @@
 // scan fills dropped samples with placeholder entries (repair mode) and
 // pairs the separate start and end markers of a block's sample and event
 // streams into one block record.
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
 
-#include "InflatingStream.h"
 #include "ORBException.h"
 #include "ORBFile.h"
 #include "log.h"
@@ -29,6 +26,11 @@ constexpr int64_t kLongestPeriod = 8; // half-milliseconds: 250 Hz
 // many entries (64 MiB of index); a larger gap is a jump of the clock, not
 // a dropout, and is logged but left open.
 constexpr uint64_t kMaxPlaceholders = uint64_t(1) << 22;
+// Nor may they outgrow the file: up to this many, and then two for every
+// byte of the item stream read so far, so that a few bytes claiming a long
+// dropout cannot make the index (16 bytes an entry) dwarf the file.
+constexpr uint64_t kFreePlaceholders = uint64_t(1) << 12;
+constexpr uint64_t kPlaceholdersPerByte = 2;
 
 // Index capacity: a first estimate from the bytes to scan, then, should it
 // run out, a new one from the bytes per entry seen so far.
@@ -104,7 +106,7 @@ private:
     // Returns false when the scan ends here (tolerant mode).
     bool scanSample(int32_t position, uint16_t header);
     bool scanEvent(int32_t position, uint16_t header);
-    void fillGap(uint64_t key);
+    void fillGap(uint64_t key, int32_t position);
     // Pairs a block marker; returns the record when it is a block of its
     // own (it then needs a recording item), null when it merged.
     Recording* pairBlock(unsigned code, const FEVENT& fe);
@@ -127,16 +129,10 @@ private:
 
 void PreScanner::reserveIndex()
 {
-    auto* fileStream = dynamic_cast<FileInputStream*>(f_.stream.get());
-    if (!fileStream)
+    const int64_t length = f_.stream->length();
+    if (length <= 0)
         return;
-    struct stat st;
-    if (auto* inflating = dynamic_cast<InflatingStream*>(fileStream))
-        streamBytes_ = inflating->expectedBytes(); // the body is still growing
-    else if (fstat(fileno(fileStream->getRawFile()), &st) == 0 && st.st_size > 0)
-        streamBytes_ = uint64_t(st.st_size);
-    if (streamBytes_ == 0)
-        return;
+    streamBytes_ = uint64_t(length);
     int32_t at = f_.stream->position();
     uint64_t remaining = streamBytes_ > uint64_t(std::max(at, 0)) ? streamBytes_ - uint64_t(at) : 0;
     uint64_t estimate = std::min(remaining / kBytesPerEntryGuess + 256, kMaxReservedEntries);
@@ -209,14 +205,14 @@ bool PreScanner::scanSample(int32_t position, uint16_t header)
     const uint64_t key = 2 * t + (prevTime_ == t ? 1 : 0);
     if (f_.fixupMode && prevTime_ != kNoTime && prevTime_ != 0 && prevPrevTime_ != kNoTime &&
         prevPrevTime_ != 0)
-        fillGap(key);
+        fillGap(key, position);
     append(makeItem(position, SAMPLE, header, key));
     prevPrevTime_ = prevTime_;
     prevTime_ = t;
     return true;
 }
 
-void PreScanner::fillGap(uint64_t key)
+void PreScanner::fillGap(uint64_t key, int32_t position)
 {
     const uint64_t prevKey = 2 * prevTime_ + (prevTime_ == prevPrevTime_ ? 1 : 0);
     const int64_t step = int64_t(key) - int64_t(prevKey);
@@ -252,7 +248,9 @@ void PreScanner::fillGap(uint64_t key)
     orb_log("Missing (%llu-%llu) samples. Calculating speriod \n",
             static_cast<unsigned long long>(prevTime_), static_cast<unsigned long long>(key / 2));
     std::fflush(nullptr);
-    if (n < 2 || n - 1 > kMaxPlaceholders - placeholders_)
+    const uint64_t budget =
+        std::min(kMaxPlaceholders, kFreePlaceholders + kPlaceholdersPerByte * uint64_t(std::max(position, 0)));
+    if (n < 2 || placeholders_ > budget || n - 1 > budget - placeholders_)
         return;
     placeholders_ += n - 1;
     if (f_.items.capacity() - f_.items.size() < n)

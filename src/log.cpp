@@ -91,7 +91,13 @@ void LastErrorScope::keep(const char* line) noexcept
     }
 }
 
-std::string LastErrorScope::text() const { return dropped_ ? lines_ + last_ : lines_; }
+std::string LastErrorScope::text() const
+{
+    std::string all = lines_;
+    if (dropped_)
+        all.append(last_);
+    return all;
+}
 
 extern "C" {
 

@@ -200,14 +200,31 @@ public:
         const char* dir = std::getenv("ORBAPI_TEST_TMP");
         std::string path = std::string(dir ? dir : "/tmp") + "/orbtest-" +
                            std::to_string(getpid()) + "-" + std::to_string(counter++) + ".orb";
-        FILE* f = std::fopen(path.c_str(), "wb");
-        if (!f) throw std::runtime_error("cannot write " + path);
-        if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), f);
-        std::fclose(f);
+        store(path, bytes);
+        // Every recording the tests make is also kept, once, where the
+        // test that opens them all from disk and from memory finds them.
+        if (const char* all = std::getenv("ORBAPI_TEST_RECORDINGS")) {
+            uint64_t h = 1469598103934665603ull; // FNV-1a
+            for (unsigned char c : bytes) h = (h ^ c) * 1099511628211ull;
+            char name[32];
+            std::snprintf(name, sizeof name, "/%016llx.orb", static_cast<unsigned long long>(h));
+            const std::string copy = path + ".copy";
+            store(copy, bytes);
+            if (std::rename(copy.c_str(), (std::string(all) + name).c_str()) != 0)
+                std::remove(copy.c_str());
+        }
         return path;
     }
 
 private:
+    static void store(const std::string& path, const Bytes& bytes)
+    {
+        FILE* f = std::fopen(path.c_str(), "wb");
+        if (!f) throw std::runtime_error("cannot write " + path);
+        if (!bytes.empty()) std::fwrite(bytes.data(), 1, bytes.size(), f);
+        std::fclose(f);
+    }
+
     Bytes body_;
 };
 

@@ -22,6 +22,13 @@ _ORBFILE* openWriter(const OrbWriter& w, int consistency = 0)
     return f;
 }
 
+std::string joinedLines(const std::vector<std::string>& lines)
+{
+    std::string s;
+    for (const std::string& l : lines) s += l;
+    return s;
+}
+
 // Steps until the next item with this code; false at the end.
 bool stepTo(_ORBFILE* f, int code)
 {
@@ -220,6 +227,89 @@ TEST(Api, NothingIsReadBeforeTheFirstStep)
     EXPECT_EQ(d->fs.time, 1004u);
     EXPECT_TRUE(log.contains("WARNING: ORB FILE MAY BE CORRUPTED. Samples 1004 found without start recording \n"));
     orb_close_file(f);
+}
+
+// The reason of a failed open: every line it logged, without a sink too.
+TEST(LastError, HoldsTheLinesOfTheFailedOpenUntilTheNextOpen)
+{
+    LogCapture log;
+    int err = 0;
+    const std::string bad = "NORVANE_LAB_COMBFILE \n";
+    EXPECT_EQ(orb_open_memory(bad.data(), bad.size(), 0, 1, 1, &err), nullptr);
+    EXPECT_EQ(err, -1);
+    EXPECT_STREQ(orb_get_last_error(), "Bad magic.  Corrupt orb file. \n\n");
+    EXPECT_EQ(log.lines(), Lines{"Bad magic.  Corrupt orb file. \n\n"}) << "the sink still hears it";
+    EXPECT_STREQ(orb_get_last_error(), "Bad magic.  Corrupt orb file. \n\n") << "reading it changes nothing";
+
+    // Several lines, in order: a scan that ends in a damaged item.
+    OrbWriter w;
+    w.terminate = false;
+    w.raw({0x00, 0x01, 0x00});
+    const Bytes cut = w.build();
+    log.clear();
+    EXPECT_EQ(orb_open_memory(cut.data(), cut.size(), 0, 1, 1, &err), nullptr);
+    EXPECT_EQ(orb_get_last_error(), joinedLines(log.lines()));
+    EXPECT_GE(log.lines().size(), 2u);
+
+    // A success clears it; so does an empty file that opens.
+    OrbWriter good;
+    addBlock(good, 100, 3);
+    const Bytes bytes = good.build();
+    _ORBFILE* f = orb_open_memory(bytes.data(), bytes.size(), 0, 1, 1, &err);
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(err, 0);
+    EXPECT_STREQ(orb_get_last_error(), "");
+    orb_close_file(f);
+
+    // Without a sink the lines go to standard output and are kept as well.
+    orb_set_log_function(nullptr);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(orb_open_file("/no/such/dir/x.orb", 0, 1, 1, &err), nullptr);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out, "The file /no/such/dir/x.orb could not be opened\nFile Could not be opened!\n");
+    EXPECT_EQ(orb_get_last_error(), out);
+
+    EXPECT_EQ(orb_open_memory(nullptr, 5, 0, 1, 1, &err), nullptr);
+    EXPECT_EQ(err, -1);
+    EXPECT_STRNE(orb_get_last_error(), "");
+    EXPECT_EQ(orb_get_last_error(), std::string("The memory image could not be read\nFile Could not be opened!\n"));
+}
+
+// The same bytes open alike from disk and from memory: one case here for
+// each container form; the corpus test does it for every recording.
+TEST(OpenMemory, GivesTheRecordsOfTheFile)
+{
+    for (bool compressed : {false, true}) {
+        OrbWriter w;
+        w.compressed = compressed;
+        if (compressed) w.magic = "NORVANE_LAB_HSPDFILE ZIP\n";
+        addBlock(w, 1000, 20, 500.0, [&](int i, uint32_t t) {
+            if (i == 4) w.add(message(t, "TRIALID 7"));
+        });
+        const Bytes bytes = w.build();
+        const std::string path = OrbWriter::writeFile(bytes);
+        int err = 0;
+        _ORBFILE* disk = orb_open_file(path.c_str(), 0, 1, 1, &err);
+        _ORBFILE* memory = orb_open_memory(bytes.data(), bytes.size(), 0, 1, 1, &err);
+        ASSERT_NE(disk, nullptr);
+        ASSERT_NE(memory, nullptr);
+        EXPECT_EQ(orb_get_element_count(memory), orb_get_element_count(disk));
+        int code;
+        while ((code = orb_get_next_data(disk)) != NO_MORE_ITEMS) {
+            ASSERT_EQ(orb_get_next_data(memory), code);
+            ALLF_DATA a = *orb_get_float_data(disk);
+            ALLF_DATA b = *orb_get_float_data(memory);
+            if (code == MESSAGE) {
+                EXPECT_EQ(std::memcmp(a.fe.message, b.fe.message, sizeof(ORB_MESSAGE)), 0);
+                a.fe.message = b.fe.message = nullptr;
+            }
+            EXPECT_EQ(std::memcmp(&a, &b, sizeof a), 0) << "item " << orb_get_element_index(disk);
+        }
+        EXPECT_EQ(orb_get_next_data(memory), NO_MORE_ITEMS);
+        EXPECT_EQ(orb_get_trial_count(memory), 1);
+        orb_close_file(disk);
+        orb_close_file(memory);
+    }
 }
 
 TEST(Log, SinkReceivesTheFormattedTextOnce)

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "Internals.h"
+#include "log.h"
 
 using namespace orbtest;
 
@@ -160,4 +161,86 @@ TEST(Open, CompressedBodyThatEndsEarlyStillOpens)
     f->stream->seek(0);
     EXPECT_EQ(f->stream->getWord(), 0);
     EXPECT_EQ(f->stream->getWord(), 1);
+}
+
+// Inflating stops once the body reaches the limit (2 GiB in use; smaller
+// here), with one log line, keeping every byte before it: the same for the
+// temporary file and for memory.
+TEST(Open, InflatingStopsAtTheLimit)
+{
+    Bytes body;
+    for (int i = 0; i < 30000; ++i) put16(body, uint16_t(i * 7));
+    uLongf zsize = compressBound(uLong(body.size()));
+    Bytes z(zsize);
+    ASSERT_EQ(compress2(z.data(), &zsize, body.data(), uLong(body.size()), 6), Z_OK);
+    z.resize(zsize);
+
+    auto readAll = [](InputStream& s) {
+        Bytes out(70000);
+        out.resize(size_t(s.getRawData(out.data(), int(out.size()))));
+        return out;
+    };
+    for (size_t limit : {size_t(0), size_t(1), size_t(16384), size_t(40001), body.size(), body.size() + 1}) {
+        SCOPED_TRACE(limit);
+        const Bytes expected(body.begin(), body.begin() + long(std::min(limit, body.size())));
+        const Lines line = limit < body.size()
+                               ? Lines{"Inflated body larger than " + std::to_string(limit) +
+                                       " bytes; the rest is not read \n"}
+                               : Lines{};
+        LogCapture log;
+        auto memory = inflateToMemory(z.data(), z.size(), limit);
+        EXPECT_EQ(readAll(*memory), expected);
+        EXPECT_EQ(log.lines(), line);
+
+        log.clear();
+        FILE* source = std::tmpfile();
+        FILE* inflated = std::tmpfile();
+        std::fwrite(z.data(), 1, z.size(), source);
+        std::rewind(source);
+        EXPECT_EQ(do_uncompress(source, inflated, limit), 0);
+        std::fclose(source);
+        FileInputStream file(inflated);
+        EXPECT_EQ(readAll(file), expected);
+        EXPECT_EQ(log.lines(), line);
+    }
+}
+
+// Scopes nest: the inner one's lines reach the outer one, whose outcome is
+// what remains; past the size limit only the last line is added.
+TEST(LastErrorScope, NestsAndKeepsTheLastLineOfALongReason)
+{
+    LogCapture log;
+    {
+        LastErrorScope outer;
+        orb_log("outer 1\n");
+        {
+            LastErrorScope inner;
+            orb_log("inner\n");
+        }
+        EXPECT_STREQ(orb_get_last_error(), "inner\n");
+        orb_log("outer 2\n");
+    }
+    EXPECT_STREQ(orb_get_last_error(), "outer 1\ninner\nouter 2\n");
+    {
+        LastErrorScope outer;
+        {
+            LastErrorScope inner;
+            orb_log("inner\n");
+        }
+        outer.succeeded();
+    }
+    EXPECT_STREQ(orb_get_last_error(), "");
+
+    log.clear();
+    {
+        LastErrorScope scope;
+        const std::string line(99, 'x');
+        for (size_t n = 0; n < LastErrorScope::kLimit / 100 + 10; ++n)
+            orb_log("%s\n", line.c_str());
+        orb_log("the reason\n");
+    }
+    const std::string reason = orb_get_last_error();
+    EXPECT_LE(reason.size(), LastErrorScope::kLimit + 11);
+    EXPECT_EQ(reason.substr(reason.size() - 11), "the reason\n");
+    EXPECT_EQ(log.lines().size(), LastErrorScope::kLimit / 100 + 11) << "the sink hears every line";
 }

@@ -86,3 +86,32 @@ TEST(Threads, TwoFilesAtOnceGiveTheSameRecords)
         EXPECT_TRUE(bTogether == bAlone);
     }
 }
+
+// Each thread has its own reason: failures and successes on one thread do
+// not touch another's, even while both open at once.
+TEST(Threads, EachThreadKeepsItsOwnLastError)
+{
+    const std::string good = recording(500.0, 1, true);
+    const std::string bad = "NOT AN ORB FILE\nENDP:\n";
+    const std::string badReason = "Bad magic.  Corrupt orb file. \n\n";
+    for (int round = 0; round < 20; ++round) {
+        std::string seenByBad, seenByGood;
+        std::thread tb([&] {
+            int err = 0;
+            EXPECT_EQ(orb_open_memory(bad.data(), bad.size(), 0, 1, 1, &err), nullptr);
+            seenByBad = orb_get_last_error();
+        });
+        std::thread tg([&] {
+            seenByGood = orb_get_last_error(); // nothing called yet here
+            int err = 0;
+            _ORBFILE* f = orb_open_file(good.c_str(), 0, 1, 1, &err);
+            EXPECT_NE(f, nullptr);
+            orb_close_file(f);
+            EXPECT_STREQ(orb_get_last_error(), "");
+        });
+        tb.join();
+        tg.join();
+        EXPECT_EQ(seenByBad, badReason);
+        EXPECT_EQ(seenByGood, "");
+    }
+}

@@ -1,0 +1,122 @@
+// Opening from memory is opening from disk: every recording the other tests
+// wrote, and every input of the fuzz corpus (seeds and past findings), is
+// opened both ways under every consistency mode and load switch, and each
+// exported function is called on what opens.  Both ways must give the same
+// records, the same log lines and the same failures, with the reason of a
+// failure in orb_get_last_error.  Under the sanitizers this is also the
+// replay that keeps past findings from coming back.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "Exercise.h"
+#include "OrbWriter.h"
+
+using namespace orbtest;
+
+namespace {
+
+std::vector<std::string> filesIn(const std::string& dir)
+{
+    std::vector<std::string> out;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (dirent* e = readdir(d))
+            if (e->d_name[0] != '.') out.push_back(dir + "/" + e->d_name);
+        closedir(d);
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+Bytes contents(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return Bytes(std::istreambuf_iterator<char>(in), {});
+}
+
+struct Outcome {
+    _ORBFILE* handle = nullptr;
+    int err = 5;
+    std::string lastError;
+    std::string transcript;
+    std::vector<std::string> log;
+};
+
+template <class Open>
+Outcome run(Open open)
+{
+    LogCapture log;
+    Outcome o;
+    o.handle = open(&o.err);
+    o.lastError = orb_get_last_error();
+    if (o.handle) {
+        orbfuzz::Transcript t(&o.transcript);
+        orbfuzz::exercise(o.handle, t);
+        orb_close_file(o.handle);
+    }
+    o.log = log.lines();
+    return o;
+}
+
+std::string joined(const std::vector<std::string>& lines)
+{
+    std::string s;
+    for (const std::string& l : lines) s += l;
+    return s;
+}
+
+void compareBothWays(const std::string& path)
+{
+    const Bytes bytes = contents(path);
+    for (int mode : orbfuzz::kModes) {
+        for (const auto& load : orbfuzz::kLoads) {
+            SCOPED_TRACE(path + " mode " + std::to_string(mode) + " loads " + std::to_string(load[0]) +
+                         std::to_string(load[1]));
+            const Outcome disk = run([&](int* err) {
+                return orb_open_file(path.c_str(), mode, load[0], load[1], err);
+            });
+            const Outcome memory = run([&](int* err) {
+                return orb_open_memory(bytes.data(), bytes.size(), mode, load[0], load[1], err);
+            });
+            EXPECT_EQ(disk.err, memory.err);
+            EXPECT_EQ(disk.lastError, memory.lastError);
+            EXPECT_EQ(disk.log, memory.log);
+            EXPECT_TRUE(disk.transcript == memory.transcript) << "records differ";
+
+            // A failure, and only a failure, leaves its log lines as the
+            // reason.
+            EXPECT_EQ(memory.err, memory.handle ? 0 : -1);
+            if (!memory.handle)
+                EXPECT_EQ(memory.lastError, joined(memory.log));
+            else
+                EXPECT_EQ(memory.lastError, "");
+        }
+    }
+}
+
+} // namespace
+
+TEST(Corpus, EveryInputOpensAlikeFromDiskAndFromMemory)
+{
+    const std::vector<std::string> files = filesIn(ORBAPI_CORPUS_DIR);
+    ASSERT_FALSE(files.empty()) << ORBAPI_CORPUS_DIR;
+    for (const std::string& path : files)
+        compareBothWays(path);
+}
+
+TEST(Corpus, EveryRecordingOfTheTestsOpensAlikeFromDiskAndFromMemory)
+{
+    const char* dir = std::getenv("ORBAPI_TEST_RECORDINGS");
+    if (!dir)
+        GTEST_SKIP() << "run through ctest, after the other tests";
+    const std::vector<std::string> files = filesIn(dir);
+    for (const std::string& path : files)
+        compareBothWays(path);
+    RecordProperty("recordings", int(files.size()));
+}
