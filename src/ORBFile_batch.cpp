@@ -14,6 +14,7 @@ namespace {
 
 constexpr int32_t kPlaceholder = -1;
 constexpr int kQueueFullAbove = SampleQueue::kSlots - 1;
+const FSAMPLE kZeroSample{};
 
 // A sample that the stream does not hold, at key / 2 ms: every value
 // missing, both eyes marked.  Its pupil sizes are the carried ones once it
@@ -50,15 +51,15 @@ int ORBFile::batchReadSample(int itemIndex)
     else
         q.shiftQueue();
 
-    Sample sample;
+    Sample placeholder;
     int at = itemIndex;
 
     // Leading placeholders: they need nothing from the stream.
     while (items[size_t(at)].position == kPlaceholder) {
         if (q.size() > kQueueFullAbove)
             return 0;
-        makeMissingSample(sample, items[size_t(at)].key());
-        q.addSample(&sample, items[size_t(at)].key());
+        makeMissingSample(placeholder, items[size_t(at)].key());
+        q.addSample(&placeholder, items[size_t(at)].key());
         int next = at + 1;
         if (next >= n)
             return 0;
@@ -105,9 +106,13 @@ int ORBFile::batchReadSample(int itemIndex)
             if (q.size() > kQueueFullAbove)
                 return 0;
             const ORBItem& entry = items[size_t(at)];
+            // Decoded straight into the queue's next slot.
+            Sample& sample = *q.nextSlot();
             const unsigned long long key = entry.key();
             if (entry.position != kPlaceholder) {
-                std::memset(static_cast<void*>(&sample.fs), 0, sizeof sample.fs);
+                // Copying a zero record compiles to a few wide stores; a
+                // memset of this size becomes a slow string instruction.
+                std::memcpy(static_cast<void*>(&sample.fs), &kZeroSample, sizeof sample.fs);
                 unsigned int expected = 0;
                 if (firstRead) {
                     resetPosition(&entry);

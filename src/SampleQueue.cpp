@@ -68,10 +68,11 @@ void SampleQueue::clear()
 void SampleQueue::shiftQueue()
 {
     // The oldest entries leave by moving the ring's start past them; their
-    // slots, now the last ones, are emptied as every slot past the entries
-    // in use is.
+    // slots, now the last ones, get the key 0 that every slot past the
+    // entries in use has (lookups go by key, so the rest of a slot past the
+    // entries is never read).
     for (int i = 0; i < std::min(count_, kShiftBy); ++i)
-        std::memset(static_cast<void*>(&at(i)), 0, sizeof(Slot));
+        at(i).key = 0;
     head_ = (head_ + kShiftBy) & kSlotMask;
     count_ = std::max(count_ - kShiftBy, 0);
 }
@@ -93,7 +94,8 @@ int SampleQueue::addSample(Sample* s, unsigned long long key)
     if (count_ >= kSlots)
         return 0;
     Slot& slot = at(count_);
-    slot.sample = *s;
+    if (s != &slot.sample)
+        slot.sample = *s;
     slot.key = key;
     ++count_;
     return 0;

@@ -37,6 +37,10 @@ public:
     // Appends s under key (ignored unless key is above the last key), after
     // the pupil carry, which may change s's pupil sizes.  Returns 0.
     int addSample(Sample* s, unsigned long long key);
+    // The slot the next addSample fills, to decode a sample into in place
+    // (then handed to addSample); null when the queue is full.  Its content
+    // counts only once added.
+    Sample* nextSlot() { return count_ < kSlots ? &at(count_).sample : nullptr; }
     // Whether a batch starting at key cannot simply extend the queue.
     bool isOutOfBoundsToAdd(unsigned long long key) const;
     // Fast lookup by arithmetic on the key step; *pos gets the slot or -1.
