@@ -100,8 +100,17 @@ void Table::allocate(size_t capacity)
         auto g = std::find_if(groups_.begin(), groups_.end(),
                               [&](const Group& x) { return x.source == c.source && x.size == c.size; });
         if (g == groups_.end())
-            g = groups_.insert(groups_.end(), Group{c.source, c.size, {}});
+            g = groups_.insert(groups_.end(), Group{c.source, c.size, {}, false, 0, {}});
         g->copies.push_back(Copy{c.data, c.offset});
+    }
+    for (Group& g : groups_) {
+        g.first = g.copies.front().offset;
+        g.contiguous = true;
+        g.run.clear();
+        for (size_t i = 0; i < g.copies.size(); ++i) {
+            g.contiguous = g.contiguous && g.copies[i].offset == g.first + i * g.size;
+            g.run.push_back(g.copies[i].to);
+        }
     }
     capacity_ = capacity;
     rows_ = 0;

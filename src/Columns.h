@@ -144,17 +144,32 @@ private:
         unsigned char* to;
         size_t offset;
     };
-    // The copies of the columns of one source and element size.
+    // The copies of the columns of one source and element size.  When the
+    // members lie back to back in the source (as the members of a FSAMPLE
+    // do), `run` holds the first member's offset and the columns' storage
+    // in member order, and a row is copied without looking at offsets.
     struct Group {
         Source source;
         size_t size;
         std::vector<Copy> copies;
+        bool contiguous = false;
+        size_t first = 0;
+        std::vector<unsigned char*> run;
     };
 
     template <size_t N>
     void copy(const Group& g, const unsigned char* from)
     {
         const size_t at = rows_ * N;
+        if (g.contiguous) {
+            const unsigned char* member = from + g.first;
+            unsigned char* const* to = g.run.data();
+            const size_t n = g.run.size();
+#pragma GCC unroll 8
+            for (size_t i = 0; i < n; ++i, member += N)
+                __builtin_memcpy(to[i] + at, member, N);
+            return;
+        }
         for (const Copy& c : g.copies)
             __builtin_memcpy(c.to + at, from + c.offset, N);
     }
