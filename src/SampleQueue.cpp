@@ -62,6 +62,7 @@ void SampleQueue::clear()
     count_ = 0;
     head_ = 0;
     std::memset(static_cast<void*>(slots_), 0, sizeof slots_);
+    std::memset(keys_, 0, sizeof keys_);
     carriedPupil_[0] = carriedPupil_[1] = kCarriedPupilStart;
 }
 
@@ -72,14 +73,14 @@ void SampleQueue::shiftQueue()
     // entries in use has (lookups go by key, so the rest of a slot past the
     // entries is never read).
     for (int i = 0; i < std::min(count_, kShiftBy); ++i)
-        at(i).key = 0;
+        keyOf(i) = 0;
     head_ = (head_ + kShiftBy) & kSlotMask;
     count_ = std::max(count_ - kShiftBy, 0);
 }
 
 int SampleQueue::addSample(Sample* s, unsigned long long key)
 {
-    if (count_ > 0 && key <= at(count_ - 1).key)
+    if (count_ > 0 && key <= keyOf(count_ - 1))
         return 0;
     // A sample without pupil sizes takes the latest ones seen.
     if (s->fs.flags & kPupilGroup) {
@@ -96,7 +97,7 @@ int SampleQueue::addSample(Sample* s, unsigned long long key)
     Slot& slot = at(count_);
     if (s != &slot.sample)
         slot.sample = *s;
-    slot.key = key;
+    keyOf(count_) = key;
     ++count_;
     return 0;
 }
@@ -105,14 +106,14 @@ bool SampleQueue::isOutOfBoundsToAdd(unsigned long long key) const
 {
     if (count_ == 0)
         return false;
-    const unsigned long long last = at(count_ - 1).key;
-    if (key < at(0).key)
+    const unsigned long long last = keyOf(count_ - 1);
+    if (key < keyOf(0))
         return true;
     if (key <= last)
         return false;
     if (count_ < 3)
         return true;
-    uint32_t d = spanStep(at(0).key, at(1).key, at(count_ - 2).key, last);
+    uint32_t d = spanStep(keyOf(0), keyOf(1), keyOf(count_ - 2), last);
     return key > last + d;
 }
 
@@ -123,8 +124,8 @@ Sample* SampleQueue::getOldSample(unsigned long long key, int* pos)
     if (count_ == 0)
         return nullptr;
     const int lastSlot = count_ - 1;
-    const unsigned long long first = at(0).key;
-    const unsigned long long last = at(lastSlot).key;
+    const unsigned long long first = keyOf(0);
+    const unsigned long long last = keyOf(lastSlot);
     int found = -1;
     if (key == first) {
         found = 0;
@@ -133,7 +134,7 @@ Sample* SampleQueue::getOldSample(unsigned long long key, int* pos)
     } else if (key <= first || key >= last || count_ < 3) {
         return nullptr;
     } else {
-        const int shift = stepShift(spanStep(first, at(1).key, at(lastSlot - 1).key, last));
+        const int shift = stepShift(spanStep(first, keyOf(1), keyOf(lastSlot - 1), last));
         if (shift < 0)
             return nullptr;
         // From the front, as if there were no gap.
@@ -141,14 +142,14 @@ Sample* SampleQueue::getOldSample(unsigned long long key, int* pos)
         // From the back, as if there were no gap after the key.
         const unsigned long long fromEnd = (last - key) >> shift;
         // From the back by the last step.
-        const unsigned long long lastStep = last - at(lastSlot - 1).key;
-        if (i < unsigned(kSlots) && at(int(i)).key == key) {
+        const unsigned long long lastStep = last - keyOf(lastSlot - 1);
+        if (i < unsigned(kSlots) && keyOf(int(i)) == key) {
             found = int(i);
-        } else if (fromEnd <= unsigned(lastSlot) && at(lastSlot - int(fromEnd)).key == key) {
+        } else if (fromEnd <= unsigned(lastSlot) && keyOf(lastSlot - int(fromEnd)) == key) {
             found = lastSlot - int(fromEnd);
         } else if (lastStep != 0) {
             const unsigned long long back = (last - key) / lastStep;
-            if (back <= unsigned(lastSlot) && at(lastSlot - int(back)).key == key)
+            if (back <= unsigned(lastSlot) && keyOf(lastSlot - int(back)) == key)
                 found = lastSlot - int(back);
         }
         if (found < 0)
@@ -164,7 +165,7 @@ Sample* SampleQueue::getOldSampleSlow(unsigned long long key, int* pos)
     if (pos)
         *pos = -1;
     for (int i = 0; i < count_; ++i) {
-        if (at(i).key == key) {
+        if (keyOf(i) == key) {
             if (pos)
                 *pos = i;
             return &at(i).sample;
@@ -189,7 +190,7 @@ Sample* SampleQueue::getSample(int itemIndex)
     }
     if (p)
         return p;
-    if (count_ > 0 && at(0).key <= key && key <= at(count_ - 1).key)
+    if (count_ > 0 && keyOf(0) <= key && key <= keyOf(count_ - 1))
         return getOldSampleSlow(key);
 
     source_->readSamples(itemIndex);
@@ -225,7 +226,7 @@ int SampleQueue::setVelocity(Sample* s, int rate)
     const int slot = slotOf(s);
     if (slot < 0)
         return 0;
-    const unsigned long long key = at(slot).key;
+    const unsigned long long key = keyOf(slot);
     const bool highSpeed = source_ && source_->highSpeedFilter();
     const int h = velocity::halfWidth(highSpeed, float(rate));
 

@@ -66,12 +66,11 @@ public:
 
     int size() const { return count_; }
     // Slot numbers count from the oldest entry.
-    unsigned long long keyAt(int slot) const { return at(slot).key; }
+    unsigned long long keyAt(int slot) const { return keyOf(slot); }
 
 private:
     struct Slot {
         Sample sample;
-        unsigned long long key;
     };
 
     static constexpr int kSlotMask = kSlots - 1;
@@ -80,9 +79,14 @@ private:
     // Slot i of the ring, counted from its start.
     Slot& at(int i) { return slots_[(head_ + i) & kSlotMask]; }
     const Slot& at(int i) const { return slots_[(head_ + i) & kSlotMask]; }
+    // The key of slot i.  The keys lie apart from the samples, in one small
+    // array, so that a lookup reads no sample it does not hand out.
+    unsigned long long& keyOf(int i) { return keys_[(head_ + i) & kSlotMask]; }
+    unsigned long long keyOf(int i) const { return keys_[(head_ + i) & kSlotMask]; }
 
     int count_ = 0;
     int head_ = 0; // the array index of slot 0
+    unsigned long long keys_[kSlots]; // by array index, as slots_; 0 past the entries
     Slot slots_[kSlots];
     SampleSource* source_;
     float carriedPupil_[2];
