@@ -16,7 +16,7 @@ namespace {
 constexpr uint32_t kTimeOffsetThreshold = 200000000u;
 
 // Eye index of a paired event: its eye marker minus one.
-inline int eyeIndex(const ORBItem& item) { return (item.type & kEyeMarkerMask) == 0x200 ? 1 : 0; }
+inline int eyeIndex(const ORBItem& item) { return (item.type & kEyeMarkerMask) == eyeMarker(1) ? 1 : 0; }
 
 } // namespace
 
