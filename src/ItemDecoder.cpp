@@ -143,7 +143,6 @@ int ItemDecoder::read_combfile_sample_noexcept(Sample* sample, unsigned int expe
     if (!(flag & kSampleItem))
         return -2; // an event: left pending for the event decoder
 
-    sampleFlagWord = uint16_t(flag);
     currentSampleFlags = uint16_t(currentSampleFlags | flag);
     pendingTag = 0;
     FSAMPLE& s = sample->fs;

@@ -245,8 +245,7 @@ void ORBFile::initEventPairArray(int eye)
 {
     if (eye != 0 && eye != 1)
         return;
-    eventPairs[eye][kPairSaccStart] = kUnset;
-    eventPairs[eye][kPairSaccEnd] = kUnset;
+    initFixationPairArray(eye);
     eventPairs[eye][kPairBlinkStart] = kUnset;
     eventPairs[eye][kPairBlinkEnd] = kUnset;
 }
