@@ -247,7 +247,8 @@ private:
                                         kPupilGroup | kResolutionGroup | kStatusWord);
         emit(orbtest::blockStart(SSAMPLES, t0, o_.rate, flags, 10));
         emit(orbtest::blockStart(SEVENTS, t0, o_.rate, 0, 10, 10, 0x0312,
-                                 uint16_t((o_.eyes & 1 ? kEventBlockLeftEye : 0) | (o_.eyes & 2 ? kEventBlockRightEye : 0))));
+                                 uint16_t((o_.eyes & 1 ? kEventBlockLeftEye : 0) |
+                                          (o_.eyes & 2 ? kEventBlockRightEye : 0))));
         ++out_.blocks;
 
         Phase phase = kFixation;

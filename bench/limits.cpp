@@ -90,7 +90,7 @@ Bytes ordinary(size_t size)
     append(out, blockStarts(1000));
     for (uint32_t t = 1000; out.size() < size; ++t) {
         SampleItem s;
-        s.flags = kSampleItem | kFullTime | kLeftEye | kRightEye | kGazeGroup | kPupilGroup | kResolutionGroup;
+        s.flags = kSampleItem | kFullTime | kBothEyes | kGazeGroup | kPupilGroup | kResolutionGroup;
         s.time = t;
         for (int e = 0; e < 2; ++e) {
             s.gaze[e][0] = int16_t(500 + (t % 300));

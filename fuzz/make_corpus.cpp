@@ -49,8 +49,8 @@ void addEvents(OrbWriter& w, uint32_t t, int eye)
 SampleItem fullSample(uint32_t t, int i)
 {
     SampleItem s;
-    s.flags = uint16_t(kSampleItem | kFullTime | kLeftEye | kRightEye | kRawGroup | kSecondGroup | kGazeGroup | kResolutionGroup | kPupilGroup |
-                       kStatusWord | kInputWord | kButtonsWord);
+    s.flags = uint16_t(kSampleItem | kFullTime | kBothEyes | kRawGroup | kSecondGroup | kGazeGroup |
+                       kResolutionGroup | kPupilGroup | kStatusWord | kInputWord | kButtonsWord);
     s.time = t;
     for (int e = 0; e < 2; ++e) {
         s.raw[e][0] = int16_t(100 + i);

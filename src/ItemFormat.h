@@ -53,6 +53,7 @@ constexpr unsigned kEventTagLowBits = 0xFE;
 // way round from the sample block's flag word.
 constexpr uint16_t kEventBlockLeftEye = 0x4000;
 constexpr uint16_t kEventBlockRightEye = 0x8000;
+constexpr uint16_t kEventBlockBothEyes = kEventBlockLeftEye | kEventBlockRightEye;
 
 // ---------------------------------------------------------------------------
 // Event field codes: after the tag, { code byte, value } until kFieldEnd.

@@ -42,15 +42,17 @@ OrbWriter makeRecording(const Shape& s)
     if (s.compressed) w.magic = "NORVANE_LAB_HSPDFILE ZIP\n";
     w.preamble = {"VERSION: OCULANT MK 3\n", s.highSpeed ? "SOURCE: OCULANT HQ\n" : "SOURCE: OCULANT MK\n"};
     const uint16_t eyeBits = uint16_t((s.eyes & 1 ? kLeftEye : 0) | (s.eyes & 2 ? kRightEye : 0));
-    const uint16_t flags = uint16_t(kSampleItem | eyeBits | kRawGroup | kSecondGroup | kGazeGroup | kResolutionGroup | kPupilGroup | kStatusWord |
-                                    kInputWord | kButtonsWord | kExtraData);
+    const uint16_t flags = uint16_t(kSampleItem | eyeBits | kRawGroup | kSecondGroup | kGazeGroup |
+                                    kResolutionGroup | kPupilGroup | kStatusWord | kInputWord | kButtonsWord |
+                                    kExtraData);
     const int perMs = s.rate >= 2000.0 ? 2 : 1;
     const uint32_t step = perMs == 2 ? 1 : uint32_t(1000.0 / s.rate);
     uint32_t t = s.t0;
     for (int b = 0; b < s.blocks; ++b) {
         w.add(message(t - 3, "TRIALID " + std::to_string(b)));
         w.add(blockStart(SSAMPLES, t, s.rate, flags, 10));
-        w.add(blockStart(SEVENTS, t, s.rate, 0, 10, 10, 0x0312, uint16_t(eyeBits == kLeftEye ? kEventBlockLeftEye : kEventBlockLeftEye | kEventBlockRightEye)));
+        w.add(blockStart(SEVENTS, t, s.rate, 0, 10, 10, 0x0312,
+                         eyeBits == kLeftEye ? kEventBlockLeftEye : kEventBlockBothEyes));
         std::vector<std::pair<int, EventItem>> later; // written at sample index
         uint32_t last = t;
         bool first = true;
@@ -95,7 +97,8 @@ OrbWriter makeRecording(const Shape& s)
                 if (i % 200 == 10) later.push_back({i + 6, EventItem(SFIX, e).start(e0).words(kFieldStartGaze, 5000, 3000)});
                 if (i % 200 == 100)
                     later.push_back({i + 4, EventItem(EFIX, e).start(e0 - 90).end(e0).words(kFieldAvgGaze, 5100, 3100)
-                                                .word(kFieldAvgPupil, 900).words(kFieldStartRes, 380, 390).words(kFieldEndRes, 381, 391)});
+                                                .word(kFieldAvgPupil, 900).words(kFieldStartRes, 380, 390)
+                                                .words(kFieldEndRes, 381, 391)});
                 if (i % 200 == 110) later.push_back({i + 3, EventItem(SSACC, e).start(e0).words(kFieldStartGaze, 5000, 3000)});
                 if (i % 200 == 120) later.push_back({i + 9, EventItem(SBLINK, e).start(e0)});
                 if (i % 200 == 139) later.push_back({i + 2, EventItem(EBLINK, e).start(e0 - 19).end(e0)});
@@ -111,8 +114,8 @@ OrbWriter makeRecording(const Shape& s)
         for (auto& [at, item] : later)
             if (at >= s.samples) w.add(item);
         w.add(message(last, "TRIAL_RESULT " + std::to_string(b)));
-        w.add(blockEnd(16, last + 1));
-        w.add(blockEnd(18, last + 1));
+        w.add(blockEnd(ESAMPLES, last + 1));
+        w.add(blockEnd(EEVENTS, last + 1));
         t = last + 40;
     }
     return w;

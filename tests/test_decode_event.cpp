@@ -216,8 +216,9 @@ TEST(DecodeEvent, BlockStartRateAndMode)
 TEST(DecodeEvent, BlockWordsGovernTheFile)
 {
     OrbWriter w;
-    w.add(EventItem(SSAMPLES, -1).start(100).word(kFieldStartScalar, 10).word(kFieldEndScalar, 5).word(kFieldBlockFlags, kLeftEye | kExtraData | kSampleItem)
-              .word(kFieldBlockOption, 3).word(kFieldPeakPupil, 4).end(1000u << 16).words(kFieldEndRes, 0x0312, 0));
+    w.add(EventItem(SSAMPLES, -1).start(100).word(kFieldStartScalar, 10).word(kFieldEndScalar, 5)
+              .word(kFieldBlockFlags, kLeftEye | kExtraData | kSampleItem).word(kFieldBlockOption, 3)
+              .word(kFieldPeakPupil, 4).end(1000u << 16).words(kFieldEndRes, 0x0312, 0));
     SampleItem s;
     s.flags = kLeftEye | kGazeGroup | kFullTime;
     s.time = 150;
@@ -225,7 +226,7 @@ TEST(DecodeEvent, BlockWordsGovernTheFile)
     w.add(s);
     w.add(EventItem(MESSAGE, 0).start(5000).word(kFieldAvgPupil, 30));
     w.add(EventItem(ESAMPLES, -1).end(160));
-    w.add(blockStart(SEVENTS, 600, 500.0, 0x4000, 1, 10, 0x0312, kEventBlockLeftEye | kEventBlockRightEye));
+    w.add(blockStart(SEVENTS, 600, 500.0, 0x4000, 1, 10, 0x0312, kEventBlockBothEyes));
     w.add(EventItem(EEVENTS, -1).end(700));
     auto f = openAtItems(w);
 
@@ -249,7 +250,7 @@ TEST(DecodeEvent, BlockWordsGovernTheFile)
     EXPECT_EQ(f->currentSampleFlags, 0);
 
     next(*f);
-    EXPECT_EQ(f->eventBlockWord, kEventBlockLeftEye | kEventBlockRightEye);
+    EXPECT_EQ(f->eventBlockWord, kEventBlockBothEyes);
     EXPECT_EQ(f->eventBlockWord2, 0x4000);
     EXPECT_EQ(f->gazeDivisor, 1.0f);
     next(*f);

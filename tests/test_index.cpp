@@ -126,8 +126,8 @@ TEST(BlockPairing, ToleranceDecidesWhetherMarkersMerge)
         w.add(blockStart(SEVENTS, 1000 + gap, 500.0, 0, 10, 10, 0x0312, kEventBlockRightEye));
         w.add(blockStart(SSAMPLES, 1000, 500.0, kBothEyes | kSampleItem, 10));
         addSamples(w, {1000 + gap, 1001 + gap});
-        w.add(blockEnd(16, 1002 + gap));
-        w.add(blockEnd(18, 1002 + 2 * gap));
+        w.add(blockEnd(ESAMPLES, 1002 + gap));
+        w.add(blockEnd(EEVENTS, 1002 + 2 * gap));
         auto f = openOrb(w);
         std::vector<int> types;
         for (const auto& r : f->recordings) types.push_back(r->recordType);
@@ -151,9 +151,10 @@ TEST(BlockPairing, RecordFields)
 {
     OrbWriter w;
     w.add(blockStart(SSAMPLES, 1000, 1000.0, kLeftEye | kSampleItem | kExtraData, 10));
-    w.add(EventItem(SEVENTS, -1).start(5000).word(kFieldStartScalar, 10).word(kFieldEndScalar, 10).word(kFieldBlockFlags, 0x1234).word(kFieldBlockFlags2, kEventBlockRightEye)
-              .word(kFieldBlockOption, 2).end(uint32_t(500.0 * 65536)).words(kFieldEndRes, 0x0020, 0));
-    w.add(blockEnd(16, 5001));
+    w.add(EventItem(SEVENTS, -1).start(5000).word(kFieldStartScalar, 10).word(kFieldEndScalar, 10)
+              .word(kFieldBlockFlags, 0x1234).word(kFieldBlockFlags2, kEventBlockRightEye).word(kFieldBlockOption, 2)
+              .end(uint32_t(500.0 * 65536)).words(kFieldEndRes, 0x0020, 0));
+    w.add(blockEnd(ESAMPLES, 5001));
     auto f = openOrb(w);
     ASSERT_EQ(f->recordings.size(), 3u);
     // recordType, eyes, filterFlag, modeFlag, modeLevel, sampleFlags, eventFlags, rate

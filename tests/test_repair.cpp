@@ -65,14 +65,14 @@ TEST(StraySamples, AreDroppedInBothModes)
 TEST(MisplacedBlockEnd, IsMovedInFrontOfTheNextStartWithoutSortingAgain)
 {
     OrbWriter w;
-    w.add(blockStart(SSAMPLES, 1000, 1000.0, kSampleItem | kLeftEye | kRightEye | kGazeGroup, 1));
+    w.add(blockStart(SSAMPLES, 1000, 1000.0, kSampleItem | kBothEyes | kGazeGroup, 1));
     w.add(sampleAt(1000));
-    w.add(blockStart(SSAMPLES, 1003, 1000.0, kSampleItem | kLeftEye | kRightEye | kGazeGroup, 1));
-    w.add(blockEnd(16, 1003));
+    w.add(blockStart(SSAMPLES, 1003, 1000.0, kSampleItem | kBothEyes | kGazeGroup, 1));
+    w.add(blockEnd(ESAMPLES, 1003));
     addSampleRun(w, 1003, 1005);
     w.add(blinkEnd(1001, 1004, 0)); // its start lies in block 1
     w.add(blinkStart(1005, 0));
-    w.add(blockEnd(16, 1006));
+    w.add(blockEnd(ESAMPLES, 1006));
     auto boundaryStates = [](const ORBFile& f) {
         std::vector<int> states;
         for (const ORBItem& i : f.items)

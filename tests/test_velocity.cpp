@@ -34,7 +34,8 @@ void fillQueue(SampleQueue& q, int n, unsigned step, const std::function<void(FS
         Sample s;
         FSAMPLE& fs = s.fs;
         fs.time = (1000 + step * unsigned(i)) / 2;
-        fs.flags = kSampleItem | kLeftEye | kRightEye | kGazeGroup | kSecondGroup | kRawGroup | kResolutionGroup | kPupilGroup;
+        fs.flags =
+            kSampleItem | kBothEyes | kGazeGroup | kSecondGroup | kRawGroup | kResolutionGroup | kPupilGroup;
         for (int e = 0; e < 2; ++e) {
             fs.gazeX[e] = 10.0f * float(i);
             fs.gazeY[e] = 5.0f;
