@@ -282,6 +282,17 @@ int ItemDecoder::read_combfile_event_noexcept(EData* event)
     const unsigned type = (tag >> kEventTypeShift) & kEventTypeMask;
     const bool blockStart = type == SSAMPLES || type == SEVENTS;
 
+    // The two words of a pair field, x first: gaze-scaled, or -32768
+    // missing and taken as they are otherwise.
+    auto gazePair = [&](float& x, float& y) {
+        x = scaledWord(in, gazeDivisor);
+        y = scaledWord(in, gazeDivisor);
+    };
+    auto positionPair = [&](float& x, float& y) {
+        x = sentinelWord(in);
+        y = sentinelWord(in);
+    };
+
     unsigned contents = 0;
     bool optionSeen = false;
     bool fourthSeen = false;
@@ -298,7 +309,7 @@ int ItemDecoder::read_combfile_event_noexcept(EData* event)
             fe.endTime = in.getInt();
             contents |= kHasEndTime;
             break;
-        // The plain position pairs 40, 72 and 104 write their second word
+        // The plain pairs (start, end, average) write their second word
         // over a position member a second time; readers rely on it.
         case kFieldStartPlain: {
             float x = signedWord(in);
@@ -309,13 +320,11 @@ int ItemDecoder::read_combfile_event_noexcept(EData* event)
             break;
         }
         case kFieldStartPos:
-            fe.startPosX = sentinelWord(in);
-            fe.startPosY = sentinelWord(in);
+            positionPair(fe.startPosX, fe.startPosY);
             contents |= kHasPosition | kHasStartPair;
             break;
         case kFieldStartGaze:
-            fe.startGazeX = scaledWord(in, gazeDivisor);
-            fe.startGazeY = scaledWord(in, gazeDivisor);
+            gazePair(fe.startGazeX, fe.startGazeY);
             contents |= kHasGaze | kHasStartPair;
             break;
         case kFieldStartScalar:
@@ -360,13 +369,11 @@ int ItemDecoder::read_combfile_event_noexcept(EData* event)
             break;
         }
         case kFieldEndPos:
-            fe.endPosX = sentinelWord(in);
-            fe.endPosY = sentinelWord(in);
+            positionPair(fe.endPosX, fe.endPosY);
             contents |= kHasPosition | kHasEndPair;
             break;
         case kFieldEndGaze:
-            fe.endGazeX = scaledWord(in, gazeDivisor);
-            fe.endGazeY = scaledWord(in, gazeDivisor);
+            gazePair(fe.endGazeX, fe.endGazeY);
             contents |= kHasGaze | kHasEndPair;
             break;
         case kFieldAvgPlain: {
@@ -378,18 +385,15 @@ int ItemDecoder::read_combfile_event_noexcept(EData* event)
             break;
         }
         case kFieldAvgPos:
-            fe.avgPosX = sentinelWord(in);
-            fe.avgPosY = sentinelWord(in);
+            positionPair(fe.avgPosX, fe.avgPosY);
             contents |= kHasPosition | kHasAveragePair;
             break;
         case kFieldAvgGaze:
-            fe.avgGazeX = scaledWord(in, gazeDivisor);
-            fe.avgGazeY = scaledWord(in, gazeDivisor);
+            gazePair(fe.avgGazeX, fe.avgGazeY);
             contents |= kHasGaze | kHasAveragePair;
             break;
         case kFieldStartRes:
-            fe.startResX = scaledWord(in, gazeDivisor);
-            fe.startResY = scaledWord(in, gazeDivisor);
+            gazePair(fe.startResX, fe.startResY);
             contents |= kHasResolution | kHasStart;
             break;
         case kFieldEndRes:
@@ -399,8 +403,7 @@ int ItemDecoder::read_combfile_event_noexcept(EData* event)
                 fe.endResX = signedWord(in);
                 fe.endResY = signedWord(in);
             } else {
-                fe.endResX = scaledWord(in, gazeDivisor);
-                fe.endResY = scaledWord(in, gazeDivisor);
+                gazePair(fe.endResX, fe.endResY);
             }
             contents |= kHasResolution | kHasEnd;
             break;
