@@ -177,7 +177,8 @@ TEST(DecodeEvent, BlockStartRateAndMode)
     EXPECT_EQ(f->sampleRate, 500.0f);
     EXPECT_EQ(modeValues(*f), (std::vector<int>{3, 1, 2}));
     EXPECT_EQ(e.fe.endTime, 1000u);
-    // Without codes 86 and 147 the option and the third and fourth scales are 1.
+    // Without an option or peak field the option and the third and fourth
+    // scales are 1.
     EXPECT_EQ((Floats{e.fe.avgPupil, e.fe.peakPupil, float(e.fe.blockOption), f->thirdScale, f->fourthScale}),
               (Floats{500, 1, 1, 1, 1}));
     EXPECT_EQ(e.fe.contents, kHasResolution | kHasScalar | kHasEndTime | kHasAverage | kHasEnd | kHasStart);
@@ -237,7 +238,7 @@ TEST(DecodeEvent, BlockWordsGovernTheFile)
     EXPECT_EQ(e.fe.blockOption, 3);
     EXPECT_EQ(f->thirdScale, 3.0f);
     EXPECT_EQ(f->fourthScale, 4.0f);
-    EXPECT_EQ(e.fe.peakPupil, 42.0f) << "code 147 of a block start is no pupil";
+    EXPECT_EQ(e.fe.peakPupil, 42.0f) << "a block start's peak field is no pupil";
     EXPECT_EQ(e.fe.contents & (kHasPupil | kHasAverage), 0);
     EXPECT_EQ(f->recordingState, 1) << "no average value: 0 is stored as 1";
 
