@@ -3,7 +3,9 @@
 // and the content bits each field sets.  The decoder, the index and the
 // tests' writer all take the numbers from here.
 //
-// Kept out of the headers: a source file that wants the names includes it.
+// Included by source files only, never by another header, so that the
+// names reach only the units that ask for them.  (The type-word marks that
+// the index adds to its entries are in ORBItem.h.)
 #ifndef ORBAPI_ITEMFORMAT_H
 #define ORBAPI_ITEMFORMAT_H
 
