@@ -127,7 +127,7 @@ public:
     {
         perMs_ = o.rate >= 2000.0 ? 2 : 1;
         stepMs_ = perMs_ == 2 ? 1 : std::max(1, int(std::lround(1000.0 / o.rate)));
-        eyeFlags_ = uint16_t((o.eyes & 1 ? orbtest::kLeft : 0) | (o.eyes & 2 ? orbtest::kRight : 0));
+        eyeFlags_ = uint16_t((o.eyes & 1 ? kLeftEye : 0) | (o.eyes & 2 ? kRightEye : 0));
     }
 
     void run()
@@ -195,7 +195,7 @@ private:
     void startFixation(uint32_t t)
     {
         forEyes([&](int e) {
-            later(t + 8, orbtest::EventItem(SFIX, e).start(t).words(42, gx10(), gy10()));
+            later(t + 8, orbtest::EventItem(SFIX, e).start(t).words(kFieldStartGaze, gx10(), gy10()));
             ++out_.events;
         });
     }
@@ -204,16 +204,16 @@ private:
         forEyes([&](int e) {
             later(to + 4, orbtest::EventItem(EFIX, e)
                               .start(from).end(to)
-                              .words(42, gx10(), gy10()).words(74, gx10(), gy10())
-                              .words(106, gx10(), gy10()).word(115, pupil_ + 20 * e)
-                              .words(43, 400, 400).words(75, 400, 400));
+                              .words(kFieldStartGaze, gx10(), gy10()).words(kFieldEndGaze, gx10(), gy10())
+                              .words(kFieldAvgGaze, gx10(), gy10()).word(kFieldAvgPupil, pupil_ + 20 * e)
+                              .words(kFieldStartRes, 400, 400).words(kFieldEndRes, 400, 400));
             ++out_.events;
         });
     }
     void startSaccade(uint32_t t)
     {
         forEyes([&](int e) {
-            later(t + 6, orbtest::EventItem(SSACC, e).start(t).words(42, gx10(), gy10()));
+            later(t + 6, orbtest::EventItem(SSACC, e).start(t).words(kFieldStartGaze, gx10(), gy10()));
             ++out_.events;
         });
     }
@@ -222,8 +222,8 @@ private:
         forEyes([&](int e) {
             later(to + 4, orbtest::EventItem(ESACC, e)
                               .start(from).end(to)
-                              .words(42, fromX10_, fromY10_).words(74, gx10(), gy10())
-                              .words(43, 400, 400).words(75, 400, 400).word(114, 3500));
+                              .words(kFieldStartGaze, fromX10_, fromY10_).words(kFieldEndGaze, gx10(), gy10())
+                              .words(kFieldStartRes, 400, 400).words(kFieldEndRes, 400, 400).word(kFieldAvgScalar, 3500));
             ++out_.events;
         });
     }
@@ -243,11 +243,12 @@ private:
     uint32_t block(int trial, uint32_t t0, uint64_t n)
     {
         message(t0 - 5, "TRIALID " + std::to_string(trial));
-        const uint16_t flags = uint16_t(orbtest::kSampleBit | eyeFlags_ | orbtest::kGaze |
-                                        orbtest::kPupil | orbtest::kRes | orbtest::kStatus);
+        const uint16_t flags = uint16_t(kSampleItem | eyeFlags_ | kGazeGroup |
+                                        kPupilGroup | kResolutionGroup | kStatusWord);
         emit(orbtest::blockStart(SSAMPLES, t0, o_.rate, flags, 10));
         emit(orbtest::blockStart(SEVENTS, t0, o_.rate, 0, 10, 10, 0x0312,
-                                 uint16_t((o_.eyes & 1 ? 0x4000 : 0) | (o_.eyes & 2 ? 0x8000 : 0))));
+                                 uint16_t((o_.eyes & 1 ? kEventBlockLeftEye : 0) |
+                                          (o_.eyes & 2 ? kEventBlockRightEye : 0))));
         ++out_.blocks;
 
         Phase phase = kFixation;
@@ -310,9 +311,9 @@ private:
             const int jitter = int((noise_ >> 16) % 7) - 3;
             const bool closed = blinkTo != 0 && t >= blinkFrom && t <= blinkTo;
 
-            s.flags = uint16_t(flags | (sub ? orbtest::kHalfMs : 0));
+            s.flags = uint16_t(flags | (sub ? kHalfMillisecond : 0));
             if (i == 0) {
-                s.flags |= orbtest::kFullTime;
+                s.flags |= kFullTime;
                 s.time = t;
             } else {
                 s.step = uint8_t(t - last);

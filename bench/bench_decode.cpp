@@ -15,6 +15,11 @@ using namespace orbtest;
 namespace {
 
 constexpr int kSamples = 200000;
+// Every group of a sample; the block's start announces all but the positions.
+constexpr uint16_t kAllGroups = kBothEyes | kRawGroup | kSecondGroup | kGazeGroup | kResolutionGroup |
+                                kPupilGroup | kStatusWord | kInputWord | kButtonsWord | kExtraData |
+                                kSkipList1 | kSkipList2 | kSampleItem;
+constexpr uint16_t kBlockFlags = kAllGroups & ~(kRawGroup | kSecondGroup | kGazeGroup);
 
 struct Recording1000Hz {
     std::string path;
@@ -23,10 +28,9 @@ struct Recording1000Hz {
     Recording1000Hz()
     {
         OrbWriter w;
-        w.add(blockStart(SSAMPLES, 1000, 1000.0, 0xC3FD, 10));
+        w.add(blockStart(SSAMPLES, 1000, 1000.0, kBlockFlags, 10));
         SampleItem s;
-        s.flags = kLeft | kRight | kRaw | kSecond | kGaze | kRes | kPupil | kStatus | kInput |
-                  kButtons | kExtra | kSkip1 | kSkip2 | kSampleBit;
+        s.flags = kAllGroups;
         s.step = 1;
         s.extraType = 0x08;
         s.extra = {1, 2, 3, 4, 5, 6, 7, 8};
@@ -49,7 +53,7 @@ struct Recording1000Hz {
             w.add(s);
         }
         path = w.write();
-        Bytes block = blockStart(SSAMPLES, 1000, 1000.0, 0xC3FD, 10).bytes();
+        Bytes block = blockStart(SSAMPLES, 1000, 1000.0, kBlockFlags, 10).bytes();
         firstSample = long(w.headerSize() + block.size());
     }
     ~Recording1000Hz() { std::remove(path.c_str()); }

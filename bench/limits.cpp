@@ -67,15 +67,15 @@ void append(Bytes& out, const Bytes& b) { out.insert(out.end(), b.begin(), b.end
 
 Bytes blockStarts(uint32_t t)
 {
-    Bytes b = blockStart(15, t, 1000.0, kSampleBit | kLeft | kGaze, 1).bytes();
-    append(b, blockStart(17, t, 1000.0, 0, 1, 10, 0x0312, 0x8000).bytes());
+    Bytes b = blockStart(SSAMPLES, t, 1000.0, kSampleItem | kLeftEye | kGazeGroup, 1).bytes();
+    append(b, blockStart(SEVENTS, t, 1000.0, 0, 1, 10, 0x0312, kEventBlockRightEye).bytes());
     return b;
 }
 
 Bytes sampleAt(uint32_t t)
 {
     SampleItem s;
-    s.flags = kSampleBit | kFullTime | kLeft | kGaze;
+    s.flags = kSampleItem | kFullTime | kLeftEye | kGazeGroup;
     s.time = t;
     Bytes b;
     s.writeTo(b);
@@ -90,7 +90,7 @@ Bytes ordinary(size_t size)
     append(out, blockStarts(1000));
     for (uint32_t t = 1000; out.size() < size; ++t) {
         SampleItem s;
-        s.flags = kSampleBit | kFullTime | kLeft | kRight | kGaze | kPupil | kRes;
+        s.flags = kSampleItem | kFullTime | kBothEyes | kGazeGroup | kPupilGroup | kResolutionGroup;
         s.time = t;
         for (int e = 0; e < 2; ++e) {
             s.gaze[e][0] = int16_t(500 + (t % 300));

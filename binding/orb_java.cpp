@@ -27,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include "ItemFormat.h"
 #include "ORBFile.h"
 #include "StringConversion.h"
 #include "log.h"
@@ -266,7 +267,7 @@ void newSample(JNIEnv* env, jobject target, FSAMPLE* s)
     jfloatArray rawY = newFloatPair(env, s->rawY);
     jfloatArray rawX = newFloatPair(env, s->rawX);
 
-    jdouble time = jdouble(s->time) + ((s->flags & 0x0002) ? 0.5 : 0.0);
+    jdouble time = jdouble(s->time) + ((s->flags & kHalfMillisecond) ? 0.5 : 0.0);
     jclass cls = env->GetObjectClass(target);
     callFill(env, cls, kSampleSig, 223, target, time, jint(jshort(s->flags)), rawX, rawY, secondX,
              secondY, pupilSize, gazeX, gazeY, jdouble(s->resolutionX), jdouble(s->resolutionY),

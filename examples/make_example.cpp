@@ -21,13 +21,13 @@ int main(int argc, char** argv)
     w.preamble = {"DATE: Sat Nov 21 09:30:00 2026\n", "TYPE: BINARY EVENT SAMPLE TAGGED\n",
                   "VERSION: OCULANT MK 3\n", "SOURCE: OCULANT MK\n",
                   "CONVERTER: NVEB1.6.1\n", "CAMERA: Example Camera\n"};
-    const uint16_t flags = kSampleBit | kLeft | kRight | kRaw | kGaze | kRes | kPupil | kStatus |
-                           kInput | kButtons;
+    const uint16_t flags = kSampleItem | kBothEyes | kRawGroup | kGazeGroup | kResolutionGroup |
+                           kPupilGroup | kStatusWord | kInputWord | kButtonsWord;
     uint32_t t0 = 1000;
     for (int trial = 0; trial < 2; ++trial) {
         w.add(EventItem(24, -1).start(t0 - 10).message("TRIALID " + std::to_string(trial + 1) + "\n"));
-        w.add(blockStart(15, t0, 1000.0, flags, 10));
-        w.add(blockStart(17, t0, 1000.0, 0xC000, 10, 10, 0x0312, 0xC000));
+        w.add(blockStart(SSAMPLES, t0, 1000.0, flags, 10));
+        w.add(blockStart(SEVENTS, t0, 1000.0, 0xC000, 10, 10, 0x0312, kEventBlockBothEyes));
         int n = 1500;
         for (int i = 0; i < n; ++i) {
             SampleItem s;
@@ -56,7 +56,7 @@ int main(int argc, char** argv)
                 for (int e = 0; e < 2; ++e) w.add(EventItem(SFIX, e).start(t0));
             if (i == 704)
                 for (int e = 0; e < 2; ++e) {
-                    w.add(EventItem(EFIX, e).start(t0).end(now - 5).words(106, 4000, 3000));
+                    w.add(EventItem(EFIX, e).start(t0).end(now - 5).words(kFieldAvgGaze, 4000, 3000));
                     w.add(EventItem(SSACC, e).start(now - 4));
                 }
             if (i == 744)
@@ -73,10 +73,10 @@ int main(int argc, char** argv)
         }
         uint32_t end = t0 + uint32_t(n - 1);
         for (int e = 0; e < 2; ++e)
-            w.add(EventItem(EFIX, e).start(t0 + 740).end(end).words(106, 8000, 3000));
+            w.add(EventItem(EFIX, e).start(t0 + 740).end(end).words(kFieldAvgGaze, 8000, 3000));
         w.add(EventItem(24, -1).start(end).message("TRIAL_RESULT 0\n"));
-        w.add(blockEnd(16, end + 1));
-        w.add(blockEnd(18, end + 1));
+        w.add(blockEnd(ESAMPLES, end + 1));
+        w.add(blockEnd(EEVENTS, end + 1));
         t0 = end + 500;
     }
     Bytes bytes = w.build();

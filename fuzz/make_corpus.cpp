@@ -37,7 +37,7 @@ EventItem eyeEvent(unsigned type, int eye, uint32_t start, uint32_t end = 0)
 // Every event kind of one eye inside [t, t + 20).
 void addEvents(OrbWriter& w, uint32_t t, int eye)
 {
-    w.add(eyeEvent(SFIX, eye, t)).add(eyeEvent(EFIX, eye, t, t + 4).words(0x2A, 100, 200));
+    w.add(eyeEvent(SFIX, eye, t)).add(eyeEvent(EFIX, eye, t, t + 4).words(kFieldStartGaze, 100, 200));
     w.add(eyeEvent(SSACC, eye, t + 5));
     w.add(eyeEvent(SBLINK, eye, t + 6)).add(eyeEvent(EBLINK, eye, t + 6, t + 8));
     w.add(eyeEvent(ESACC, eye, t + 5, t + 9));
@@ -49,8 +49,8 @@ void addEvents(OrbWriter& w, uint32_t t, int eye)
 SampleItem fullSample(uint32_t t, int i)
 {
     SampleItem s;
-    s.flags = uint16_t(kSampleBit | kFullTime | kLeft | kRight | kRaw | kSecond | kGaze | kRes | kPupil |
-                       kStatus | kInput | kButtons);
+    s.flags = uint16_t(kSampleItem | kFullTime | kBothEyes | kRawGroup | kSecondGroup | kGazeGroup |
+                       kResolutionGroup | kPupilGroup | kStatusWord | kInputWord | kButtonsWord);
     s.time = t;
     for (int e = 0; e < 2; ++e) {
         s.raw[e][0] = int16_t(100 + i);
@@ -117,12 +117,12 @@ int main(int argc, char** argv)
                 s.step = 1;
             }
             if (i % 4 == 0) {
-                s.flags |= kExtra;
+                s.flags |= kExtraData;
                 s.extraType = uint8_t(i == 0 ? 196 : i == 4 ? 200 : 201);
                 s.extra = {0, 0, 33, 1234, 500, 56, 0x1E28, 0x0A14};
             }
             if (i == 6) {
-                s.flags |= kSkip1 | kSkip2;
+                s.flags |= kSkipList1 | kSkipList2;
                 s.skip1 = {2, 0xAA, 0xBB};
                 s.skip2 = {1, 0xCC};
             }

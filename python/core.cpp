@@ -24,6 +24,7 @@
 #include <utility>
 #include <vector>
 
+#include "ItemFormat.h"
 #include "orbapi.h"
 
 namespace nb = nanobind;
@@ -204,7 +205,7 @@ public:
             const uint32_t* t = static_cast<const uint32_t*>(time.data);
             const uint16_t* f = static_cast<const uint16_t*>(flags.data);
             for (size_t r = 0; r < n; ++r)
-                sampleTime_[r] = double(t[r]) + ((f[r] & 0x0002) ? 0.5 : 0.0);
+                sampleTime_[r] = double(t[r]) + ((f[r] & kHalfMillisecond) ? 0.5 : 0.0);
         }
     }
 
@@ -438,7 +439,7 @@ void putFields(nb::dict& d, const void* rec, const std::vector<Field>& fields)
 nb::dict sampleDict(const FSAMPLE& s)
 {
     nb::dict d;
-    d["time"] = double(s.time) + ((s.flags & 0x0002) ? 0.5 : 0.0);
+    d["time"] = double(s.time) + ((s.flags & kHalfMillisecond) ? 0.5 : 0.0);
     putFields(d, &s, sampleFields());
     return d;
 }

@@ -4,7 +4,7 @@
 #include "ORBItem.h"
 #include "log.h"
 
-EData::EData(ORBFile* file_, const FEVENT* source) : file(file_)
+EData::EData(ORBFile* owner, const FEVENT* source) : file(owner)
 {
     // The message pointer is copied, not the text: it keeps pointing into
     // the file's message buffer.

@@ -24,7 +24,6 @@ public:
     ~InflatingStream() override;
 
     // A generous guess of the inflated size, from the compressed size.
-    uint64_t expectedBytes() const { return expectedBytes_; }
     // The body is still growing while it is scanned: its expected size.
     int64_t length() const override { return int64_t(expectedBytes_); }
 

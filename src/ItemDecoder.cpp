@@ -12,6 +12,7 @@
 
 #include "ORBException.h"
 #include "ItemDecoder.h"
+#include "ItemFormat.h"
 #include "log.h"
 
 namespace {
@@ -21,31 +22,6 @@ constexpr uint16_t kMissingStatus = 0x8000;
 constexpr int kMessageCapacity = int(sizeof(ORB_MESSAGE::text));
 constexpr int kExtraWords = 8;
 constexpr double kFixed16 = 1.52587890625e-05; // 2^-16
-
-// Sample flag bits, in the order their groups lie on disk.
-enum : unsigned {
-    kSampleItem = 0x0001,
-    kSkipList2 = 0x0004,
-    kSkipList1 = 0x0008,
-    kExtraData = 0x0010,
-    kButtonsWord = 0x0020,
-    kInputWord = 0x0040,
-    kStatusWord = 0x0080,
-    kPupilGroup = 0x0100,
-    kResolutionGroup = 0x0200,
-    kGazeGroup = 0x0400,
-    kSecondGroup = 0x0800,
-    kRawGroup = 0x1000,
-    kFullTime = 0x2000,
-    kRightEye = 0x4000,
-    kLeftEye = 0x8000,
-};
-
-// Event content bits.
-enum : unsigned {
-    kHasStartTime = 0x0001,
-    kHasEndTime = 0x0040,
-};
 
 inline float signedWord(InputStream& in) { return float(int16_t(in.getWord())); }
 
@@ -140,7 +116,7 @@ int ItemDecoder::next_combfile_item(unsigned short* type)
         return 1;
     }
     if (type)
-        *type = uint16_t(tag >> 8);
+        *type = uint16_t(tag >> kEventTypeShift);
     return 0;
 }
 
@@ -167,7 +143,6 @@ int ItemDecoder::read_combfile_sample_noexcept(Sample* sample, unsigned int expe
     if (!(flag & kSampleItem))
         return -2; // an event: left pending for the event decoder
 
-    sampleFlagWord = uint16_t(flag);
     currentSampleFlags = uint16_t(currentSampleFlags | flag);
     pendingTag = 0;
     FSAMPLE& s = sample->fs;
@@ -241,7 +216,7 @@ int ItemDecoder::read_combfile_sample_noexcept(Sample* sample, unsigned int expe
     s.buttons = (flag & kButtonsWord) ? uint16_t(in.getWord()) : 0;
     if (flag & kExtraData) {
         int type = in.getByte();
-        int n = type & 0x0F;
+        int n = type & kExtraCountMask;
         if (n > kExtraWords)
             n = kExtraWords;
         for (int i = 0; i < n; ++i)
@@ -299,151 +274,154 @@ int ItemDecoder::read_combfile_event_noexcept(EData* event)
 
     FEVENT& fe = event->fe;
     InputStream& in = *stream;
-    // 0x40 alone in the high byte is the right eye; 0x80, both or neither
+    // The right eye bit alone is the right eye; the left, both or neither
     // the left.
-    eventEye = ((tag >> 8) & 0xC0) == 0x40 ? 1 : 0;
+    eventEye = (tag & kBothEyes) == kRightEye ? 1 : 0;
     fe.eye = eventEye;
-    fe.itemTag = uint16_t(tag & 0xFE);
-    const unsigned type = (tag >> 8) & 0x3F;
+    fe.itemTag = uint16_t(tag & kEventTagLowBits);
+    const unsigned type = (tag >> kEventTypeShift) & kEventTypeMask;
     const bool blockStart = type == SSAMPLES || type == SEVENTS;
+
+    // The two words of a pair field, x first: gaze-scaled, or -32768
+    // missing and taken as they are otherwise.
+    auto gazePair = [&](float& x, float& y) {
+        x = scaledWord(in, gazeDivisor);
+        y = scaledWord(in, gazeDivisor);
+    };
+    auto positionPair = [&](float& x, float& y) {
+        x = sentinelWord(in);
+        y = sentinelWord(in);
+    };
 
     unsigned contents = 0;
     bool optionSeen = false;
     bool fourthSeen = false;
     for (;;) {
         const int code = in.getByte();
-        if (code == 0)
+        if (code == kFieldEnd)
             break;
         switch (code) {
-        case 33:
+        case kFieldStartTime:
             fe.startTime = in.getInt();
-            contents |= 0x0001;
+            contents |= kHasStart;
             break;
-        case 65:
+        case kFieldEndTime:
             fe.endTime = in.getInt();
-            contents |= 0x0040;
+            contents |= kHasEndTime;
             break;
-        // The plain position pairs 40, 72 and 104 write their second word
+        // The plain pairs (start, end, average) write their second word
         // over a position member a second time; readers rely on it.
-        case 40: {
+        case kFieldStartPlain: {
             float x = signedWord(in);
             fe.startPosX = fe.startGazeX = x;
             float y = signedWord(in);
             fe.startPosX = fe.startGazeY = y;
-            contents |= 0x0408;
+            contents |= kHasPlain | kHasStartPair;
             break;
         }
-        case 41:
-            fe.startPosX = sentinelWord(in);
-            fe.startPosY = sentinelWord(in);
-            contents |= 0x0808;
+        case kFieldStartPos:
+            positionPair(fe.startPosX, fe.startPosY);
+            contents |= kHasPosition | kHasStartPair;
             break;
-        case 42:
-            fe.startGazeX = scaledWord(in, gazeDivisor);
-            fe.startGazeY = scaledWord(in, gazeDivisor);
-            contents |= 0x1008;
+        case kFieldStartGaze:
+            gazePair(fe.startGazeX, fe.startGazeY);
+            contents |= kHasGaze | kHasStartPair;
             break;
-        case 48:
+        case kFieldStartScalar:
             fe.startScalar = signedWord(in);
-            contents |= 0x0081;
+            contents |= kHasScalar | kHasStart;
             break;
-        case 81:
+        case kFieldEndScalar:
             fe.endScalar = signedWord(in);
-            contents |= 0x0082;
+            contents |= kHasScalar | kHasEnd;
             break;
-        case 114:
+        case kFieldAvgScalar:
             fe.avgScalar = signedWord(in);
-            contents |= 0x0084;
+            contents |= kHasScalar | kHasAverage;
             break;
-        case 51:
+        case kFieldStartPupil:
             fe.startPupil = scaledWord(in, secondScale);
-            contents |= 0x0101;
+            contents |= kHasPupil | kHasStart;
             break;
-        case 83:
+        case kFieldEndPupil:
             fe.endPupil = scaledWord(in, secondScale);
-            contents |= 0x0102;
+            contents |= kHasPupil | kHasEnd;
             break;
-        case 115:
+        case kFieldAvgPupil:
             fe.avgPupil = scaledWord(in, secondScale);
-            contents |= 0x0104;
+            contents |= kHasPupil | kHasAverage;
             break;
-        case 147:
+        case kFieldPeakPupil:
             if (blockStart) {
                 fourthScale = signedWord(in);
                 fourthSeen = true;
             } else {
                 fe.peakPupil = scaledWord(in, secondScale);
-                contents |= 0x0104;
+                contents |= kHasPupil | kHasAverage;
             }
             break;
-        case 72: {
+        case kFieldEndPlain: {
             float x = signedWord(in);
             fe.endPosX = fe.endGazeX = x;
             float y = signedWord(in);
             fe.endPosX = fe.endGazeY = y;
-            contents |= 0x0410;
+            contents |= kHasPlain | kHasEndPair;
             break;
         }
-        case 73:
-            fe.endPosX = sentinelWord(in);
-            fe.endPosY = sentinelWord(in);
-            contents |= 0x0810;
+        case kFieldEndPos:
+            positionPair(fe.endPosX, fe.endPosY);
+            contents |= kHasPosition | kHasEndPair;
             break;
-        case 74:
-            fe.endGazeX = scaledWord(in, gazeDivisor);
-            fe.endGazeY = scaledWord(in, gazeDivisor);
-            contents |= 0x1010;
+        case kFieldEndGaze:
+            gazePair(fe.endGazeX, fe.endGazeY);
+            contents |= kHasGaze | kHasEndPair;
             break;
-        case 104: {
+        case kFieldAvgPlain: {
             float x = signedWord(in);
             fe.avgPosX = fe.avgGazeX = x;
             float y = signedWord(in);
             fe.startPosX = fe.avgGazeY = y;
-            contents |= 0x0420;
+            contents |= kHasPlain | kHasAveragePair;
             break;
         }
-        case 105:
-            fe.avgPosX = sentinelWord(in);
-            fe.avgPosY = sentinelWord(in);
-            contents |= 0x0820;
+        case kFieldAvgPos:
+            positionPair(fe.avgPosX, fe.avgPosY);
+            contents |= kHasPosition | kHasAveragePair;
             break;
-        case 106:
-            fe.avgGazeX = scaledWord(in, gazeDivisor);
-            fe.avgGazeY = scaledWord(in, gazeDivisor);
-            contents |= 0x1020;
+        case kFieldAvgGaze:
+            gazePair(fe.avgGazeX, fe.avgGazeY);
+            contents |= kHasGaze | kHasAveragePair;
             break;
-        case 43:
-            fe.startResX = scaledWord(in, gazeDivisor);
-            fe.startResY = scaledWord(in, gazeDivisor);
-            contents |= 0x0201;
+        case kFieldStartRes:
+            gazePair(fe.startResX, fe.startResY);
+            contents |= kHasResolution | kHasStart;
             break;
-        case 75:
+        case kFieldEndRes:
             // In a block start the pair is the packed mode word and its
             // companion, taken as they are.
             if (blockStart) {
                 fe.endResX = signedWord(in);
                 fe.endResY = signedWord(in);
             } else {
-                fe.endResX = scaledWord(in, gazeDivisor);
-                fe.endResY = scaledWord(in, gazeDivisor);
+                gazePair(fe.endResX, fe.endResY);
             }
-            contents |= 0x0202;
+            contents |= kHasResolution | kHasEnd;
             break;
-        case 180:
+        case kFieldBlockFlags:
             fe.blockFlags = uint16_t(in.getWord());
-            contents |= 0x2000;
+            contents |= kHasBlockFlags;
             break;
-        case 85:
+        case kFieldBlockFlags2:
             fe.blockFlags2 = uint16_t(in.getWord());
             break;
-        case 86:
+        case kFieldBlockOption:
             fe.blockOption = uint16_t(in.getWord());
             if (blockStart) {
                 thirdScale = float(fe.blockOption);
                 optionSeen = true;
             }
             break;
-        case 94: {
+        case kFieldMessage: {
             int n = int16_t(in.getWord());
             if (n > kMessageCapacity || n < 0)
                 return -1; // the text is left unread: the file is damaged
@@ -458,7 +436,7 @@ int ItemDecoder::read_combfile_event_noexcept(EData* event)
         }
     }
 
-    if (!(contents & kHasStartTime)) {
+    if (!(contents & kHasStart)) {
         if (contents & kHasEndTime)
             fe.startTime = fe.endTime;
         else

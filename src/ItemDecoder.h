@@ -61,7 +61,6 @@ public:
     uint16_t eventBlockWord2 = 0;
     ORB_MESSAGE message{};     // shared by every message of this file
     uint16_t pendingTag = 0;   // tag read but not yet consumed
-    uint16_t sampleFlagWord = 0; // flag word of the sample being decoded
     int16_t eventEye = 0;        // eye of the event being decoded
 };
 

@@ -45,15 +45,11 @@ enum class ContainerForm { Plain, Compressed };
 // before it are kept.
 constexpr uint64_t kInflatedBodyLimit = 0x7FFFFFFFu;
 
-// Inflates the zlib stream that starts at source's position into
-// destination.  Returns 0 when the stream ended, else a negative zlib code.
-int do_uncompress(FILE* source, FILE* destination);
 // Inflates the zlib stream in the `size` bytes at `source` into a memory
 // stream that owns its bytes.  A damaged or cut stream yields what inflated
 // before the damage.  Throws std::bad_alloc when memory runs out.
 std::unique_ptr<InputStream> inflateToMemory(const unsigned char* source, size_t size);
-// The two with a smaller limit than kInflatedBodyLimit.
-int do_uncompress(FILE* source, FILE* destination, uint64_t limit);
+// The same with a smaller limit than kInflatedBodyLimit.
 std::unique_ptr<InputStream> inflateToMemory(const unsigned char* source, size_t size, uint64_t limit);
 // Inflates the zlib stream that starts at source's position (up to
 // kInflatedBodyLimit bytes), handing each piece to sink; a sink that

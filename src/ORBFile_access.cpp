@@ -6,12 +6,12 @@
 
 #include "ORBException.h"
 #include "ORBFile.h"
+#include "ItemFormat.h"
 #include "log.h"
 
 namespace {
 
 constexpr uint32_t kUnset = 0xFFFFFFFFu;
-constexpr uint16_t kHalfMillisecond = 0x0002;
 
 // Whole samples per second of a block, rounded; 0 for a rate no int holds.
 int roundedRate(float rate)
@@ -245,8 +245,7 @@ void ORBFile::initEventPairArray(int eye)
 {
     if (eye != 0 && eye != 1)
         return;
-    eventPairs[eye][kPairSaccStart] = kUnset;
-    eventPairs[eye][kPairSaccEnd] = kUnset;
+    initFixationPairArray(eye);
     eventPairs[eye][kPairBlinkStart] = kUnset;
     eventPairs[eye][kPairBlinkEnd] = kUnset;
 }

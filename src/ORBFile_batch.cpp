@@ -8,6 +8,7 @@
 
 #include "ORBException.h"
 #include "ORBFile.h"
+#include "ItemFormat.h"
 #include "log.h"
 
 namespace {
@@ -30,7 +31,7 @@ void makeMissingSample(Sample& s, unsigned long long key)
                         fs.fastSecondVelY, fs.fastRawVelX, fs.fastRawVelY})
         pair[0] = pair[1] = kMissingValue;
     fs.resolutionX = fs.resolutionY = kMissingValue;
-    fs.flags = 0xC000;
+    fs.flags = kBothEyes;
     fs.input = fs.buttons = fs.status = 0;
     fs.extraType = 32767;
     fs.extraData[0] = 32767;

@@ -27,9 +27,7 @@ int ORBFile::setBookMark(BOOKMARK* bm)
 
 int ORBFile::gotoBookMark(BOOKMARK* bm)
 {
-    if (!bm || bookmarks.empty())
-        return -1;
-    long at = find(bookmarks, bm->id);
+    const long at = bm ? find(bookmarks, bm->id) : -1;
     if (at < 0)
         return -1;
     current = int32_t(bm->id);
@@ -59,9 +57,7 @@ int ORBFile::gotoPreviousBookMark()
 
 int ORBFile::removeBookMark(BOOKMARK* bm)
 {
-    if (!bm || bookmarks.empty())
-        return -1;
-    long at = find(bookmarks, bm->id);
+    const long at = bm ? find(bookmarks, bm->id) : -1;
     if (at < 0)
         return -1;
     bookmarks.erase(bookmarks.begin() + at);

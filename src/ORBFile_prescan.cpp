@@ -15,6 +15,7 @@
 
 #include "ORBException.h"
 #include "ORBFile.h"
+#include "ItemFormat.h"
 #include "log.h"
 
 namespace {
@@ -72,8 +73,9 @@ struct PairSlot {
 uint8_t blockEyes(unsigned code, const FEVENT& fe)
 {
     if (code == SSAMPLES)
-        return uint8_t(((fe.blockFlags & 0x8000) ? 1 : 0) | ((fe.blockFlags & 0x4000) ? 2 : 0));
-    return uint8_t(((fe.blockFlags2 & 0x4000) ? 1 : 0) | ((fe.blockFlags2 & 0x8000) ? 2 : 0));
+        return uint8_t(((fe.blockFlags & kLeftEye) ? 1 : 0) | ((fe.blockFlags & kRightEye) ? 2 : 0));
+    return uint8_t(((fe.blockFlags2 & kEventBlockLeftEye) ? 1 : 0) |
+                   ((fe.blockFlags2 & kEventBlockRightEye) ? 2 : 0));
 }
 
 // Whole units of a non-negative float, clamped to [0, limit].
@@ -284,7 +286,7 @@ bool PreScanner::scanEvent(int32_t position, uint16_t header)
     if (c == RECORDING)
         return true;
 
-    const uint16_t marked = uint16_t(c | (fe.eye == 1 ? 0x200 : 0x100));
+    const uint16_t marked = uint16_t(c | eyeMarker(fe.eye));
     uint16_t type = uint16_t(c);
     uint64_t key = 2 * uint64_t(fe.startTime);
     Recording* block = nullptr;
@@ -343,9 +345,9 @@ void PreScanner::clearExtraDataFlagOfOpenBlock()
         return;
     Recording& open = *f_.recordings.back();
     const FSAMPLE& last = sample_.fs;
-    if (open.state == 1 && (last.flags & 0x0010) && ((unsigned(last.extraType) >> 4) & 0x0F) == 15 &&
-        open.sampleFlags != 0)
-        open.sampleFlags = uint16_t(open.sampleFlags & ~0x0010u);
+    if (open.state == 1 && (last.flags & kExtraData) &&
+        ((unsigned(last.extraType) >> 4) & 0x0F) == 15 && open.sampleFlags != 0)
+        open.sampleFlags = uint16_t(open.sampleFlags & ~unsigned(kExtraData));
 }
 
 Recording* PreScanner::pairBlock(unsigned code, const FEVENT& fe)

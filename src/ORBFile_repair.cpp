@@ -16,7 +16,23 @@ namespace {
 constexpr uint32_t kTimeOffsetThreshold = 200000000u;
 
 // Eye index of a paired event: its eye marker minus one.
-inline int eyeIndex(const ORBItem& item) { return (item.type & kEyeMarkerMask) == 0x200 ? 1 : 0; }
+inline int eyeIndex(const ORBItem& item) { return (item.type & kEyeMarkerMask) == eyeMarker(1) ? 1 : 0; }
+
+// One walk over the index that compacts it as it goes: visit(item, kept)
+// may change the entry, or return false to drop it; a kept entry is written
+// back at `kept`, which visit may lower when it moves entries before it.
+template <class Visit>
+void compactIndex(std::vector<ORBItem>& items, Visit visit)
+{
+    const size_t count = items.size();
+    size_t kept = 0;
+    for (size_t i = 0; i < count; ++i) {
+        ORBItem item = items[i];
+        if (visit(item, kept))
+            items[kept++] = item;
+    }
+    items.resize(kept);
+}
 
 } // namespace
 
@@ -34,19 +50,14 @@ int ORBFile::checkConsistency()
     long orphanEnd = -1; // the last blink end that had no blink start open
     bool moved = false;
 
-    const size_t count = items.size();
-    size_t kept = 0;
-    for (size_t i = 0; i < count; ++i) {
-        ORBItem item = items[i];
-        const int cls = item.getItemType();
-
-        if (cls == 30) {
+    compactIndex(items, [&](ORBItem& item, size_t& kept) {
+        if (item.isRecording()) {
             const bool end = item.rec->state == 0;
             outsideBlock = end;
             (end ? lastEnd : lastStart) = long(kept);
             blinkStartSeen[0] = blinkStartSeen[1] = false;
             blinkEndSeen[0] = blinkEndSeen[1] = false;
-        } else if (cls == 1 && outsideBlock) {
+        } else if (item.isSample() && outsideBlock) {
             if (lastStart >= 0 && lastEnd > 0 && lastEnd > lastStart &&
                 items[size_t(lastStart)].key() == items[size_t(lastEnd)].key()) {
                 // A block ended at the instant the next one started and its
@@ -65,9 +76,9 @@ int ORBFile::checkConsistency()
                 orb_log("WARNING: ORB FILE MAY BE CORRUPTED. Sample at %d found without start "
                         "recording. Skipping this sample \n",
                         int(item.timeKey / 2));
-                continue;
+                return false;
             }
-        } else if (cls == 0 && (item.code() == SBLINK || item.code() == EBLINK)) {
+        } else if (item.code() == SBLINK || item.code() == EBLINK) {
             const int e = eyeIndex(item);
             if (item.code() == SBLINK) {
                 if (blinkStartSeen[e])
@@ -91,9 +102,8 @@ int ORBFile::checkConsistency()
                     blinkStartSeen[e] = blinkEndSeen[e] = false;
             }
         }
-        items[kept++] = item;
-    }
-    items.resize(kept);
+        return true;
+    });
 
     if (fixupMode) {
         // A moved block end would not survive a new sort.
@@ -115,15 +125,11 @@ void ORBFile::mergeBlinksInsideSaccade()
     long lastBlinkEnd[2] = {-1, -1};
     bool merged[2] = {false, false};
 
-    const size_t count = items.size();
-    size_t kept = 0;
-    for (size_t i = 0; i < count; ++i) {
-        ORBItem item = items[i];
-        const int cls = item.getItemType();
-        if (cls == 30) {
+    compactIndex(items, [&](ORBItem& item, size_t& kept) {
+        if (item.isRecording()) {
             // Only the left eye's count starts again with a block.
             blinkStarts[0] = 0;
-        } else if (cls == 0) {
+        } else if (isEventCode(item.code())) {
             const unsigned c = item.code();
             const int e = eyeIndex(item);
             if (c == SBLINK) {
@@ -137,7 +143,7 @@ void ORBFile::mergeBlinksInsideSaccade()
                     lastBlinkEnd[e] = -1;
                     merged[e] = true;
                     --blinkStarts[e];
-                    continue; // the blink start is dropped as well
+                    return false; // the blink start is dropped as well
                 }
             } else if (c == EBLINK) {
                 if (merged[e])
@@ -149,28 +155,23 @@ void ORBFile::mergeBlinksInsideSaccade()
                 merged[e] = false;
             }
         }
-        items[kept++] = item;
-    }
-    items.resize(kept);
+        return true;
+    });
 }
 
 void ORBFile::markSamplesInsideBlink()
 {
     bool inBlink[2] = {false, false};
     for (ORBItem& item : items) {
-        const int cls = item.getItemType();
-        if (cls == 30) {
+        if (item.isRecording()) {
             inBlink[0] = inBlink[1] = false;
-        } else if (cls == 1) {
+        } else if (item.isSample()) {
             if (inBlink[0])
                 item.type = uint16_t(item.type | kFlagEye0);
             if (inBlink[1])
                 item.type = uint16_t(item.type | kFlagEye1);
-        } else if (cls == 0) {
-            if (item.code() == SBLINK)
-                inBlink[eyeIndex(item)] = true;
-            else if (item.code() == EBLINK)
-                inBlink[eyeIndex(item)] = false;
+        } else if (item.code() == SBLINK || item.code() == EBLINK) {
+            inBlink[eyeIndex(item)] = item.code() == SBLINK;
         }
     }
 }

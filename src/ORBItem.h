@@ -19,7 +19,10 @@ inline bool isStartCode(unsigned code) { return inCodeSet(kStartCodes, code); }
 inline bool isEndCode(unsigned code) { return inCodeSet(kEndCodes, code); }
 
 // Type-word flags added by the consistency repair (high byte).
-constexpr uint16_t kEyeMarkerMask = 0x0F00;  // 0x100 eye 0, 0x200 eye 1
+constexpr uint16_t kEyeMarkerMask = 0x0F00;
+constexpr uint16_t kEyeMarkerLeft = 0x0100;  // eye index 0 (and events of neither eye)
+constexpr uint16_t kEyeMarkerRight = 0x0200; // eye index 1
+inline uint16_t eyeMarker(int eye) { return eye == 1 ? kEyeMarkerRight : kEyeMarkerLeft; }
 constexpr uint16_t kFlagEye0 = 0x1000;       // re-timed blink start; sample in blink of eye 0
 constexpr uint16_t kFlagEye1 = 0x2000;       // merged blink end; sample in blink of eye 1
 

@@ -1,21 +1,10 @@
 // The operations on one decoded sample.
 #include "Sample.h"
-
-namespace {
-
-constexpr uint16_t kEyeBit[2] = {0x8000, 0x4000};
-constexpr uint16_t kPupilGroup = 0x0100;
-constexpr uint16_t kGazeGroup = 0x0400;
-constexpr uint16_t kSecondGroup = 0x0800;
-constexpr uint16_t kRawGroup = 0x1000;
-// A pupil this small (or smaller) means the eye was closed.
-constexpr float kClosedPupil = 15.0f;
-
-} // namespace
+#include "ItemFormat.h"
 
 bool Sample::getSampleData(float* x, float* y, int eye, int kind) const
 {
-    if ((eye != 0 && eye != 1) || !(fs.flags & kEyeBit[eye])) {
+    if ((eye != 0 && eye != 1) || !(fs.flags & sampleEyeBit(eye))) {
         *x = *y = kMissingValue;
         return false;
     }

@@ -7,6 +7,8 @@
 // Missing-value markers of the records.
 constexpr float kMissingPosition = -32768.0f; // absent position, pupil, gaze
 constexpr float kMissingValue = 100000000.0f; // absent scaled value, velocity
+// A pupil this small (or smaller) means the eye was closed.
+constexpr float kClosedPupil = 15.0f;
 
 // Position kinds of getSampleData.
 enum PositionKind { kGazePosition = 192, kSecondPosition = 128, kRawPosition = 64 };

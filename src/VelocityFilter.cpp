@@ -3,6 +3,7 @@
 // the high-speed filter of the HQ tracker (averaged supports spaced as at
 // 250 samples per second).
 #include "VelocityFilter.h"
+#include "ItemFormat.h"
 
 #include <algorithm>
 #include <cmath>
@@ -10,9 +11,6 @@
 namespace velocity {
 
 namespace {
-
-constexpr uint16_t kEyeBit[2] = {0x8000, 0x4000};
-constexpr uint16_t kPupilGroup = 0x0100;
 
 constexpr int kStandardHalfWidth = 2;
 
@@ -54,7 +52,7 @@ void fillSeries(Sample* const* neighbours, int lo, int hi, int eye, int kind, fl
 
 // The three kinds in the order of the series below, and their group bits.
 constexpr int kKinds[3] = {kGazePosition, kSecondPosition, kRawPosition};
-constexpr uint16_t kKindGroups[3] = {0x0400, 0x0800, 0x1000};
+constexpr uint16_t kKindGroups[3] = {kGazeGroup, kSecondGroup, kRawGroup};
 
 // Series of all three kinds of one eye: [kind][axis][neighbour].
 struct EyeSeries {
@@ -66,18 +64,18 @@ struct EyeSeries {
 // any of them: a kind whose bit is missing has no position at all.
 uint16_t fillEyeSeries(Sample* const* neighbours, int lo, int hi, int eye, EyeSeries& out)
 {
-    const uint16_t eyeBit = kEyeBit[eye];
+    const uint16_t eyeBit = sampleEyeBit(eye);
     uint16_t groups = 0;
     for (int i = lo; i <= hi; ++i) {
         const Sample* n = neighbours[i];
         const FSAMPLE* fs = n ? &n->fs : nullptr;
         const bool open = fs && (fs->flags & eyeBit) &&
-                          !((fs->flags & kPupilGroup) && fs->pupilSize[eye] <= 15.0f);
+                          !((fs->flags & kPupilGroup) && fs->pupilSize[eye] <= kClosedPupil);
         const uint16_t flags = open ? fs->flags : 0;
         groups = uint16_t(groups | flags);
-        const bool gaze = flags & 0x0400;
-        const bool second = flags & 0x0800;
-        const bool raw = flags & 0x1000;
+        const bool gaze = flags & kGazeGroup;
+        const bool second = flags & kSecondGroup;
+        const bool raw = flags & kRawGroup;
         out.p[0][0][i] = gaze ? fs->gazeX[eye] : kMissingValue;
         out.p[0][1][i] = gaze ? fs->gazeY[eye] : kMissingValue;
         out.p[1][0][i] = second ? fs->secondX[eye] : kMissingValue;
@@ -229,7 +227,7 @@ void fill(Sample& centre, Sample* const* neighbours, bool highSpeed, int rate)
     };
     EyeSeries series;
     for (int eye = 0; eye < 2; ++eye) {
-        if (!(fs.flags & kEyeBit[eye]))
+        if (!(fs.flags & sampleEyeBit(eye)))
             continue; // an absent eye keeps what it has
         // One series per kind and axis serves the smoothed and the fast
         // velocity alike.

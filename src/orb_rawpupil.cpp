@@ -73,8 +73,8 @@ void centre(_ORBFILE* ef, const FSAMPLE* s, int eye, bool fromCr, int area, floa
 // Removes the overlap of the CR disc (with margin) from the pupil: the pupil
 // centre and area are blended toward the centre and area of pupil and disc
 // together, in proportion to how far the disc reaches into the pupil.
-void do_pupil_cr_fixup(float* px, float* py, unsigned int* parea, float crx, float cry,
-                       float crarea, float margin, int iterations)
+void removeCrOverlap(float* px, float* py, unsigned int* parea, float crx, float cry,
+                     float crarea, float margin, int iterations)
 {
     if (*parea < 1 || crarea < 1.0f || *px == kMissingValue || *py == kMissingValue ||
         crx == kMissingValue || cry == kMissingValue)
@@ -231,7 +231,7 @@ float* orb_get_pupil_cr(_ORBFILE* ef, FSAMPLE* s, int eye, float* xy)
     orb_get_uncorrected_raw_cr(ef, s, eye, cr);
     unsigned area = unsigned(orb_get_uncorrected_pupil_area(ef, s, eye));
     int crArea = orb_get_uncorrected_cr_area(ef, s, eye);
-    do_pupil_cr_fixup(&pupil[0], &pupil[1], &area, cr[0], cr[1], float(crArea), 3.0f, 5);
+    removeCrOverlap(&pupil[0], &pupil[1], &area, cr[0], cr[1], float(crArea), 3.0f, 5);
     xy[0] = pupil[0] - cr[0] * 1.02f;
     xy[1] = pupil[1] - cr[1] * 1.02f;
     return xy;

@@ -1,4 +1,4 @@
-// Inflating the body of a compressed container, into a file or into memory.
+// Inflating the body of a compressed container, piece by piece or into memory.
 #include <zlib.h>
 
 #include <algorithm>
@@ -90,24 +90,10 @@ auto fileReader(FILE* source, unsigned char* in)
 
 } // namespace
 
-int do_uncompress(FILE* source, FILE* destination, uint64_t limit)
-{
-    unsigned char in[kChunk];
-    auto write = [&](const unsigned char* bytes, size_t n) {
-        return std::fwrite(bytes, 1, n, destination) == n && !std::ferror(destination);
-    };
-    return inflateBody(fileReader(source, in), write, limit, true);
-}
-
 int inflateInto(FILE* source, const std::function<bool(const unsigned char*, size_t)>& sink)
 {
     unsigned char in[kChunk];
     return inflateBody(fileReader(source, in), sink, kInflatedBodyLimit, true);
-}
-
-int do_uncompress(FILE* source, FILE* destination)
-{
-    return do_uncompress(source, destination, kInflatedBodyLimit);
 }
 
 std::unique_ptr<InputStream> inflateToMemory(const unsigned char* source, size_t size, uint64_t limit)

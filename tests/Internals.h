@@ -83,7 +83,7 @@ inline int indexOf(const ORBFile& f, unsigned code, int nth = 0, int eye = -1)
 {
     for (size_t i = 0; i < f.items.size(); ++i) {
         const ORBItem& item = f.items[i];
-        if (item.code() == code && (eye < 0 || (item.type & kEyeMarkerMask) == (eye ? 0x200 : 0x100)) &&
+        if (item.code() == code && (eye < 0 || (item.type & kEyeMarkerMask) == eyeMarker(eye)) &&
             nth-- == 0)
             return int(i);
     }

@@ -16,6 +16,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "ItemFormat.h"
 #include "orbapi.h"
 
 namespace orbtest {
@@ -27,18 +28,10 @@ inline void put8(Bytes& b, unsigned v) { b.push_back(static_cast<unsigned char>(
 inline void put16(Bytes& b, unsigned v) { put8(b, (v >> 8) & 0xFF); put8(b, v & 0xFF); }
 inline void put32(Bytes& b, uint32_t v) { put16(b, v >> 16); put16(b, v & 0xFFFF); }
 
-// Sample flag bits.
-enum : uint16_t {
-    kSampleBit = 0x0001, kHalfMs = 0x0002, kSkip2 = 0x0004,    kSkip1 = 0x0008,
-    kExtra = 0x0010,     kButtons = 0x0020, kInput = 0x0040,   kStatus = 0x0080,
-    kPupil = 0x0100,     kRes = 0x0200,     kGaze = 0x0400,    kSecond = 0x0800,
-    kRaw = 0x1000,       kFullTime = 0x2000, kRight = 0x4000,  kLeft = 0x8000,
-};
-
 // One sample item, laid out from its flag word: only the groups whose bits
 // are set are written, in the order the reader takes them.
 struct SampleItem {
-    uint16_t flags = kSampleBit | kFullTime | kLeft;
+    uint16_t flags = kSampleItem | kFullTime | kLeftEye;
     uint32_t time = 0;       // written when kFullTime is set
     uint8_t step = 0;        // written when kFullTime is clear
     int16_t raw[2][2] = {};  // [eye][x, y]
@@ -54,48 +47,48 @@ struct SampleItem {
 
     void writeTo(Bytes& b) const
     {
-        put16(b, flags | kSampleBit);
+        put16(b, flags | kSampleItem);
         if (flags & kFullTime)
             put32(b, time);
         else
             put8(b, step);
         auto perEye = [&](const int16_t (&v)[2][2]) {
             for (int e = 0; e < 2; ++e)
-                if (flags & (e == 0 ? kLeft : kRight)) {
+                if (flags & sampleEyeBit(e)) {
                     put16(b, uint16_t(v[e][0]));
                     put16(b, uint16_t(v[e][1]));
                 }
         };
-        if (flags & kRaw) perEye(raw);
-        if (flags & kSecond) perEye(second);
-        if (flags & kGaze) perEye(gaze);
-        if (flags & kRes) {
+        if (flags & kRawGroup) perEye(raw);
+        if (flags & kSecondGroup) perEye(second);
+        if (flags & kGazeGroup) perEye(gaze);
+        if (flags & kResolutionGroup) {
             put16(b, uint16_t(res[0]));
             put16(b, uint16_t(res[1]));
         }
-        if (flags & kPupil)
+        if (flags & kPupilGroup)
             for (int e = 0; e < 2; ++e)
-                if (flags & (e == 0 ? kLeft : kRight)) put16(b, uint16_t(pupil[e]));
-        if (flags & kStatus) put16(b, status);
-        if (flags & kInput) put16(b, input);
-        if (flags & kButtons) put16(b, buttons);
-        if (flags & kExtra) {
+                if (flags & sampleEyeBit(e)) put16(b, uint16_t(pupil[e]));
+        if (flags & kStatusWord) put16(b, status);
+        if (flags & kInputWord) put16(b, input);
+        if (flags & kButtonsWord) put16(b, buttons);
+        if (flags & kExtraData) {
             put8(b, extraType);
             for (uint16_t w : extra) put16(b, w);
         }
-        if (flags & kSkip1) b.insert(b.end(), skip1.begin(), skip1.end());
-        if (flags & kSkip2) b.insert(b.end(), skip2.begin(), skip2.end());
+        if (flags & kSkipList1) b.insert(b.end(), skip1.begin(), skip1.end());
+        if (flags & kSkipList2) b.insert(b.end(), skip2.begin(), skip2.end());
     }
 };
 
 // One event item: the tag, then coded fields, then the code 0.
 class EventItem {
 public:
-    // eye: 0 left (0x80 in the tag's high byte), 1 right (0x40), -1 neither.
+    // eye: 0 left, 1 right, -1 neither.
     EventItem(unsigned type, int eye = 0, unsigned tagLow = 0)
     {
-        unsigned eyeBits = eye == 0 ? 0x80u : eye == 1 ? 0x40u : 0u;
-        put16(bytes_, ((eyeBits | (type & 0x3F)) << 8) | (tagLow & 0xFE));
+        unsigned eyeBits = eye == 0 ? kLeftEye : eye == 1 ? kRightEye : 0u;
+        put16(bytes_, eyeBits | ((type & kEventTypeMask) << kEventTypeShift) | (tagLow & kEventTagLowBits));
     }
     EventItem& u32(unsigned code, uint32_t v) { put8(bytes_, code); put32(bytes_, v); return *this; }
     EventItem& word(unsigned code, int v) { put8(bytes_, code); put16(bytes_, uint16_t(v)); return *this; }
@@ -108,14 +101,14 @@ public:
     // A message field whose stored length need not match the text.
     EventItem& messageRaw(int length, const std::string& text)
     {
-        put8(bytes_, 94); put16(bytes_, uint16_t(length));
+        put8(bytes_, kFieldMessage); put16(bytes_, uint16_t(length));
         bytes_.insert(bytes_.end(), text.begin(), text.end());
         return *this;
     }
-    EventItem& start(uint32_t t) { return u32(33, t); }
-    EventItem& end(uint32_t t) { return u32(65, t); }
+    EventItem& start(uint32_t t) { return u32(kFieldStartTime, t); }
+    EventItem& end(uint32_t t) { return u32(kFieldEndTime, t); }
     // The finished item (with its closing code 0).
-    Bytes bytes() const { Bytes b = bytes_; put8(b, 0); return b; }
+    Bytes bytes() const { Bytes b = bytes_; put8(b, kFieldEnd); return b; }
     // The fields without the closing code, for truncation tests.
     const Bytes& unterminated() const { return bytes_; }
 
@@ -123,17 +116,18 @@ private:
     Bytes bytes_;
 };
 
-// The start of a sample (15) or event (17) block as a tracker writes it:
-// time, gaze divisor, second scale, rate in 16.16, and the packed mode word.
+// The start of a sample (SSAMPLES) or event (SEVENTS) block as a tracker
+// writes it: time, gaze divisor, second scale, rate in 16.16, and the packed
+// mode word.
 inline EventItem blockStart(unsigned type, uint32_t time, double rate, uint16_t flags,
                             int divisor = 1, int second = 10, int modeWord = 0x0312,
                             uint16_t flags2 = 0)
 {
     EventItem e(type, -1);
-    e.start(time).word(48, divisor).word(81, second);
-    if (type == 15) e.word(180, flags);
-    else { e.word(180, flags); e.word(85, flags2); }
-    e.end(uint32_t(rate * 65536.0 + 0.5)).words(75, modeWord, 0);
+    e.start(time).word(kFieldStartScalar, divisor).word(kFieldEndScalar, second);
+    e.word(kFieldBlockFlags, flags);
+    if (type != SSAMPLES) e.word(kFieldBlockFlags2, flags2);
+    e.end(uint32_t(rate * 65536.0 + 0.5)).words(kFieldEndRes, modeWord, 0);
     return e;
 }
 inline EventItem blockEnd(unsigned type, uint32_t time)

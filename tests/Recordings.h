@@ -22,9 +22,9 @@ inline EventItem message(uint32_t time, const std::string& text)
 template <class Between>
 void addBlock(OrbWriter& w, uint32_t t0, int n, double rate, Between between)
 {
-    const uint16_t flags = kSampleBit | kLeft | kRight | kGaze | kRes | kPupil;
-    w.add(blockStart(15, t0, rate, flags, 10));
-    w.add(blockStart(17, t0, rate, 0xC000, 10, 10, 0x0312, 0xC000));
+    const uint16_t flags = kSampleItem | kBothEyes | kGazeGroup | kResolutionGroup | kPupilGroup;
+    w.add(blockStart(SSAMPLES, t0, rate, flags, 10));
+    w.add(blockStart(SEVENTS, t0, rate, 0xC000, 10, 10, 0x0312, kEventBlockBothEyes));
     double period = 1000.0 / rate;
     uint32_t last = t0;
     for (int i = 0; i < n; ++i) {
@@ -42,8 +42,8 @@ void addBlock(OrbWriter& w, uint32_t t0, int n, double rate, Between between)
         between(i, t);
         last = t;
     }
-    w.add(blockEnd(16, last + 1));
-    w.add(blockEnd(18, last + 1));
+    w.add(blockEnd(ESAMPLES, last + 1));
+    w.add(blockEnd(EEVENTS, last + 1));
 }
 
 inline void addBlock(OrbWriter& w, uint32_t t0, int n, double rate = 500.0)
@@ -55,7 +55,7 @@ inline void addBlock(OrbWriter& w, uint32_t t0, int n, double rate = 500.0)
 inline SampleItem sampleAt(uint32_t t, uint16_t more = 0)
 {
     SampleItem s;
-    s.flags = uint16_t(kSampleBit | kFullTime | kLeft | kRight | kGaze | more);
+    s.flags = uint16_t(kSampleItem | kFullTime | kBothEyes | kGazeGroup | more);
     s.time = t;
     return s;
 }
@@ -72,13 +72,13 @@ inline void addSampleRun(OrbWriter& w, uint32_t from, uint32_t to)
 // Both starts (or both ends) of a binocular block with gaze divisor 1.
 inline void startBlock(OrbWriter& w, uint32_t t, double rate = 1000.0)
 {
-    w.add(blockStart(15, t, rate, kSampleBit | kLeft | kRight | kGaze, 1));
-    w.add(blockStart(17, t, rate, 0, 1, 10, 0x0312, 0xC000));
+    w.add(blockStart(SSAMPLES, t, rate, kSampleItem | kBothEyes | kGazeGroup, 1));
+    w.add(blockStart(SEVENTS, t, rate, 0, 1, 10, 0x0312, kEventBlockBothEyes));
 }
 inline void endBlock(OrbWriter& w, uint32_t t)
 {
-    w.add(blockEnd(16, t));
-    w.add(blockEnd(18, t));
+    w.add(blockEnd(ESAMPLES, t));
+    w.add(blockEnd(EEVENTS, t));
 }
 
 } // namespace orbtest

@@ -69,7 +69,7 @@ TEST(Access, StepsThroughTheIndexAndTracksTheBlock)
         if (code != SAMPLE) continue;
         // Two samples a millisecond: the second one is marked.
         EXPECT_EQ(d->fs.time, 1000u + unsigned(samples / 2));
-        EXPECT_EQ(d->fs.flags & 0x0002, samples % 2 ? 0x0002 : 0) << samples;
+        EXPECT_EQ(d->fs.flags & kHalfMillisecond, samples % 2 ? kHalfMillisecond : 0) << samples;
         EXPECT_EQ(d->fs.gazeX[1], float(1001 + 10 * samples) / 10.0f);
         // 1 unit per sample at 2000 per second, 40 units per degree.
         EXPECT_FLOAT_EQ(d->fs.fastGazeVelX[0], 50.0f);
@@ -114,8 +114,8 @@ TEST(Access, SamplesInsideBlinksLoseTheirPositions)
     addBlock(w, 1000, 12, 500.0);
     auto f = openOrb(w);
     const int left = indexOf(*f, SAMPLE, 5), both = indexOf(*f, SAMPLE, 6);
-    f->items[size_t(left)].type |= 0x1000;
-    f->items[size_t(both)].type |= 0x3000;
+    f->items[size_t(left)].type |= kFlagEye0;
+    f->items[size_t(both)].type |= kFlagEye0 | kFlagEye1;
 
     // Every position of the eye missing, its pupil 0.
     auto blanked = [](const FSAMPLE& s, int e) {

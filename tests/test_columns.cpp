@@ -41,16 +41,18 @@ OrbWriter makeRecording(const Shape& s)
     w.compressed = s.compressed;
     if (s.compressed) w.magic = "NORVANE_LAB_HSPDFILE ZIP\n";
     w.preamble = {"VERSION: OCULANT MK 3\n", s.highSpeed ? "SOURCE: OCULANT HQ\n" : "SOURCE: OCULANT MK\n"};
-    const uint16_t eyeBits = uint16_t((s.eyes & 1 ? kLeft : 0) | (s.eyes & 2 ? kRight : 0));
-    const uint16_t flags = uint16_t(kSampleBit | eyeBits | kRaw | kSecond | kGaze | kRes | kPupil | kStatus |
-                                    kInput | kButtons | kExtra);
+    const uint16_t eyeBits = uint16_t((s.eyes & 1 ? kLeftEye : 0) | (s.eyes & 2 ? kRightEye : 0));
+    const uint16_t flags = uint16_t(kSampleItem | eyeBits | kRawGroup | kSecondGroup | kGazeGroup |
+                                    kResolutionGroup | kPupilGroup | kStatusWord | kInputWord | kButtonsWord |
+                                    kExtraData);
     const int perMs = s.rate >= 2000.0 ? 2 : 1;
     const uint32_t step = perMs == 2 ? 1 : uint32_t(1000.0 / s.rate);
     uint32_t t = s.t0;
     for (int b = 0; b < s.blocks; ++b) {
         w.add(message(t - 3, "TRIALID " + std::to_string(b)));
-        w.add(blockStart(15, t, s.rate, flags, 10));
-        w.add(blockStart(17, t, s.rate, 0, 10, 10, 0x0312, uint16_t(eyeBits == kLeft ? 0x4000 : 0xC000)));
+        w.add(blockStart(SSAMPLES, t, s.rate, flags, 10));
+        w.add(blockStart(SEVENTS, t, s.rate, 0, 10, 10, 0x0312,
+                         eyeBits == kLeftEye ? kEventBlockLeftEye : kEventBlockBothEyes));
         std::vector<std::pair<int, EventItem>> later; // written at sample index
         uint32_t last = t;
         bool first = true;
@@ -92,27 +94,28 @@ OrbWriter makeRecording(const Shape& s)
             const uint32_t e0 = ti;
             for (int e = 0; e < 2; ++e) {
                 if (!(s.eyes & (1 << e))) continue;
-                if (i % 200 == 10) later.push_back({i + 6, EventItem(SFIX, e).start(e0).words(42, 5000, 3000)});
+                if (i % 200 == 10) later.push_back({i + 6, EventItem(SFIX, e).start(e0).words(kFieldStartGaze, 5000, 3000)});
                 if (i % 200 == 100)
-                    later.push_back({i + 4, EventItem(EFIX, e).start(e0 - 90).end(e0).words(106, 5100, 3100)
-                                                .word(115, 900).words(43, 380, 390).words(75, 381, 391)});
-                if (i % 200 == 110) later.push_back({i + 3, EventItem(SSACC, e).start(e0).words(42, 5000, 3000)});
+                    later.push_back({i + 4, EventItem(EFIX, e).start(e0 - 90).end(e0).words(kFieldAvgGaze, 5100, 3100)
+                                                .word(kFieldAvgPupil, 900).words(kFieldStartRes, 380, 390)
+                                                .words(kFieldEndRes, 381, 391)});
+                if (i % 200 == 110) later.push_back({i + 3, EventItem(SSACC, e).start(e0).words(kFieldStartGaze, 5000, 3000)});
                 if (i % 200 == 120) later.push_back({i + 9, EventItem(SBLINK, e).start(e0)});
                 if (i % 200 == 139) later.push_back({i + 2, EventItem(EBLINK, e).start(e0 - 19).end(e0)});
                 if (i % 200 == 150)
-                    later.push_back({i + 4, EventItem(ESACC, e).start(e0 - 40).end(e0).words(74, 5200, 3200)
-                                                .word(114, 3500).word(147, 12)});
+                    later.push_back({i + 4, EventItem(ESACC, e).start(e0 - 40).end(e0).words(kFieldEndGaze, 5200, 3200)
+                                                .word(kFieldAvgScalar, 3500).word(kFieldPeakPupil, 12)});
             }
             if (i == 40) w.add(message(ti, "SYNCTIME"));
-            if (i == 333) w.add(EventItem(POINT9, 0).start(ti).words(41, 7, -8));
+            if (i == 333) w.add(EventItem(POINT9, 0).start(ti).words(kFieldStartPos, 7, -8));
             for (auto& [at, item] : later)
                 if (at == i) w.add(item);
         }
         for (auto& [at, item] : later)
             if (at >= s.samples) w.add(item);
         w.add(message(last, "TRIAL_RESULT " + std::to_string(b)));
-        w.add(blockEnd(16, last + 1));
-        w.add(blockEnd(18, last + 1));
+        w.add(blockEnd(ESAMPLES, last + 1));
+        w.add(blockEnd(EEVENTS, last + 1));
         t = last + 40;
     }
     return w;

@@ -34,9 +34,9 @@ Floats floats(const FEVENT& e)
 EventItem blockStartOf(unsigned type, uint32_t rate16)
 {
     EventItem e(type, -1);
-    e.start(1000).word(48, 10).word(81, 10).word(114, 2);
+    e.start(1000).word(kFieldStartScalar, 10).word(kFieldEndScalar, 10).word(kFieldAvgScalar, 2);
     if (rate16) e.end(rate16);
-    e.words(75, 0x0312, 0);
+    e.words(kFieldEndRes, 0x0312, 0);
     return e;
 }
 
@@ -49,16 +49,16 @@ TEST(DecodeEvent, FieldTable)
     OrbWriter w;
     w.add(EventItem(EFIX, 1, 0x37)
               .start(1234).end(5678)
-              .words(41, 100, -32768).words(42, 40, 80)
-              .word(48, 5).word(81, -6).word(114, 7)
-              .word(51, 30).word(83, 32).word(115, 34).word(147, 36)
-              .words(73, 200, 201).words(74, -32768, 8)
-              .words(105, 300, 301).words(106, 12, 16)
-              .words(43, 20, 24).words(75, 28, 32)
-              .word(180, 0xBEEF).word(85, 0xCAFE).word(86, 0xF00D));
-    w.add(EventItem(POINT9, 0).words(40, 5, 7));
-    w.add(EventItem(POINT10, 0).words(72, 9, 11).words(104, 13, 15));
-    w.add(EventItem(POINT25, 0).words(40, -32768, 3));
+              .words(kFieldStartPos, 100, -32768).words(kFieldStartGaze, 40, 80)
+              .word(kFieldStartScalar, 5).word(kFieldEndScalar, -6).word(kFieldAvgScalar, 7)
+              .word(kFieldStartPupil, 30).word(kFieldEndPupil, 32).word(kFieldAvgPupil, 34).word(kFieldPeakPupil, 36)
+              .words(kFieldEndPos, 200, 201).words(kFieldEndGaze, -32768, 8)
+              .words(kFieldAvgPos, 300, 301).words(kFieldAvgGaze, 12, 16)
+              .words(kFieldStartRes, 20, 24).words(kFieldEndRes, 28, 32)
+              .word(kFieldBlockFlags, 0xBEEF).word(kFieldBlockFlags2, 0xCAFE).word(kFieldBlockOption, 0xF00D));
+    w.add(EventItem(POINT9, 0).words(kFieldStartPlain, 5, 7));
+    w.add(EventItem(POINT10, 0).words(kFieldEndPlain, 9, 11).words(kFieldAvgPlain, 13, 15));
+    w.add(EventItem(POINT25, 0).words(kFieldStartPlain, -32768, 3));
     auto f = openAtItems(w);
     f->gazeDivisor = 4.0f;
     f->secondScale = 2.0f;
@@ -81,10 +81,10 @@ TEST(DecodeEvent, FieldTable)
 
     // The plain pairs write their second word over a position again.
     EData c = next(*f);
-    EXPECT_EQ(c.fe.contents, 0x0408);
+    EXPECT_EQ(c.fe.contents, kHasPlain | kHasStartPair);
     EXPECT_EQ(floats(c.fe), (Floats{7, 0, 5, 7, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
     c = next(*f);
-    EXPECT_EQ(c.fe.contents, 0x0430);
+    EXPECT_EQ(c.fe.contents, kHasPlain | kHasEndPair | kHasAveragePair);
     EXPECT_EQ(floats(c.fe), (Floats{15, 0, 0, 0, 0, 11, 0, 9, 11, 0, 13, 0, 13, 15, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
     EXPECT_EQ(next(*f).fe.startGazeX, -32768.0f) << "plain words have no missing marker";
 }
@@ -177,10 +177,11 @@ TEST(DecodeEvent, BlockStartRateAndMode)
     EXPECT_EQ(f->sampleRate, 500.0f);
     EXPECT_EQ(modeValues(*f), (std::vector<int>{3, 1, 2}));
     EXPECT_EQ(e.fe.endTime, 1000u);
-    // Without codes 86 and 147 the option and the third and fourth scales are 1.
+    // Without an option or peak field the option and the third and fourth
+    // scales are 1.
     EXPECT_EQ((Floats{e.fe.avgPupil, e.fe.peakPupil, float(e.fe.blockOption), f->thirdScale, f->fourthScale}),
               (Floats{500, 1, 1, 1, 1}));
-    EXPECT_EQ(e.fe.contents, 0x02C7);
+    EXPECT_EQ(e.fe.contents, kHasResolution | kHasScalar | kHasEndTime | kHasAverage | kHasEnd | kHasStart);
 
     // Revision 0 (no version line) records at 250 Hz in one fixed mode.
     w.preamble = {"SOURCE: OCULANT\n"};
@@ -216,28 +217,29 @@ TEST(DecodeEvent, BlockStartRateAndMode)
 TEST(DecodeEvent, BlockWordsGovernTheFile)
 {
     OrbWriter w;
-    w.add(EventItem(SSAMPLES, -1).start(100).word(48, 10).word(81, 5).word(180, 0x8011)
-              .word(86, 3).word(147, 4).end(1000u << 16).words(75, 0x0312, 0));
+    w.add(EventItem(SSAMPLES, -1).start(100).word(kFieldStartScalar, 10).word(kFieldEndScalar, 5)
+              .word(kFieldBlockFlags, kLeftEye | kExtraData | kSampleItem).word(kFieldBlockOption, 3)
+              .word(kFieldPeakPupil, 4).end(1000u << 16).words(kFieldEndRes, 0x0312, 0));
     SampleItem s;
-    s.flags = kLeft | kGaze | kFullTime;
+    s.flags = kLeftEye | kGazeGroup | kFullTime;
     s.time = 150;
     s.gaze[0][0] = 50;
     w.add(s);
-    w.add(EventItem(MESSAGE, 0).start(5000).word(115, 30));
+    w.add(EventItem(MESSAGE, 0).start(5000).word(kFieldAvgPupil, 30));
     w.add(EventItem(ESAMPLES, -1).end(160));
-    w.add(blockStart(SEVENTS, 600, 500.0, 0x4000, 1, 10, 0x0312, 0xC000));
+    w.add(blockStart(SEVENTS, 600, 500.0, 0x4000, 1, 10, 0x0312, kEventBlockBothEyes));
     w.add(EventItem(EEVENTS, -1).end(700));
     auto f = openAtItems(w);
 
     EData e(f.get(), nullptr);
     e.fe.peakPupil = 42.0f;
     ASSERT_EQ(f->read_combfile_event(&e, 0), 0);
-    EXPECT_EQ(f->currentSampleFlags, 0x8011);
+    EXPECT_EQ(f->currentSampleFlags, kLeftEye | kExtraData | kSampleItem);
     EXPECT_EQ(e.fe.blockOption, 3);
     EXPECT_EQ(f->thirdScale, 3.0f);
     EXPECT_EQ(f->fourthScale, 4.0f);
-    EXPECT_EQ(e.fe.peakPupil, 42.0f) << "code 147 of a block start is no pupil";
-    EXPECT_EQ(e.fe.contents & 0x0104, 0);
+    EXPECT_EQ(e.fe.peakPupil, 42.0f) << "a block start's peak field is no pupil";
+    EXPECT_EQ(e.fe.contents & (kHasPupil | kHasAverage), 0);
     EXPECT_EQ(f->recordingState, 1) << "no average value: 0 is stored as 1";
 
     Sample sample;
@@ -249,7 +251,7 @@ TEST(DecodeEvent, BlockWordsGovernTheFile)
     EXPECT_EQ(f->currentSampleFlags, 0);
 
     next(*f);
-    EXPECT_EQ(f->eventBlockWord, 0xC000);
+    EXPECT_EQ(f->eventBlockWord, kEventBlockBothEyes);
     EXPECT_EQ(f->eventBlockWord2, 0x4000);
     EXPECT_EQ(f->gazeDivisor, 1.0f);
     next(*f);
@@ -280,7 +282,7 @@ TEST(DecodeEvent, Refusals)
 
 TEST(DecodeEvent, ShortReadAnywhere)
 {
-    const EventItem item = EventItem(MESSAGE, 0).start(1000).words(40, 1, 2).message("hey").code(200);
+    const EventItem item = EventItem(MESSAGE, 0).start(1000).words(kFieldStartPlain, 1, 2).message("hey").code(200);
     expectEveryCutToFail(item.bytes(), "wbibwwbwmmmbb", [](ORBFile& f, int catchErrors) {
         EData e;
         return f.read_combfile_event(&e, catchErrors);

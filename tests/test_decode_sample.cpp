@@ -21,8 +21,9 @@ Floats positions(const FSAMPLE& s)
             s.gazeY[0],   s.gazeY[1],   s.resolutionX,  s.resolutionY};
 }
 
-constexpr uint16_t kAllGroups = kLeft | kRight | kRaw | kSecond | kGaze | kRes | kPupil | kStatus |
-                                kInput | kButtons | kExtra | kSkip1 | kSkip2 | kSampleBit;
+constexpr uint16_t kAllGroups = kBothEyes | kRawGroup | kSecondGroup | kGazeGroup | kResolutionGroup |
+                                kPupilGroup | kStatusWord | kInputWord | kButtonsWord | kExtraData |
+                                kSkipList1 | kSkipList2 | kSampleItem;
 
 // A binocular sample with every group and a distinct value everywhere.
 SampleItem fullSample()
@@ -60,9 +61,9 @@ TEST(Framing, TagsPendingItemsAndRefusals)
     EXPECT_EQ(f->read_combfile_event(&e, 1), 0);
     EXPECT_EQ(e.fe.startTime, 10u);
     EXPECT_EQ(f->next_combfile_item(&type), 1);
-    EXPECT_EQ(type, 0xA001);
+    EXPECT_EQ(type, kLeftEye | kFullTime | kSampleItem);
     EXPECT_EQ(f->read_combfile_event(&e, 1), -2);
-    EXPECT_EQ(f->pendingTag, 0xA001);
+    EXPECT_EQ(f->pendingTag, kLeftEye | kFullTime | kSampleItem);
     EXPECT_EQ(f->read_combfile_sample(&s, 0, 1), 0);
     EXPECT_EQ(f->next_combfile_item(&type), -1) << "the closing zero tag";
     EXPECT_EQ(thrown([&] { f->next_combfile_item(&type); }), "End of file Exception");
@@ -99,7 +100,7 @@ TEST(DecodeSample, AbsentGroupsStepsAndScaledGaze)
     fs.gazeVelX[1] = 5.0f;
     ASSERT_EQ(f->read_combfile_sample(&s, 0, 0), 0);
     EXPECT_EQ(fs.time, 1000u);
-    EXPECT_EQ(fs.flags, 0xA001);
+    EXPECT_EQ(fs.flags, kLeftEye | kFullTime | kSampleItem);
     // An absent pupil group leaves the sizes as they were.
     EXPECT_EQ(positions(fs), (Floats{m, m, m, m, m, m, m, m, 77, 77, m, m, m, m, 1e8f, 1e8f}));
     EXPECT_EQ((std::vector<int>{fs.status, fs.input, fs.buttons, uint16_t(fs.extraType), fs.extraData[0]}),
@@ -119,7 +120,7 @@ TEST(DecodeSample, AbsentGroupsStepsAndScaledGaze)
 TEST(DecodeSample, EveryGroupInDiskOrder)
 {
     SampleItem right;
-    right.flags = kRight | kRaw | kPupil | kGaze | kFullTime;
+    right.flags = kRightEye | kRawGroup | kPupilGroup | kGazeGroup | kFullTime;
     right.time = 0x12345678;
     right.raw[1][0] = -3; right.raw[1][1] = 4;
     right.gaze[1][0] = 7; right.gaze[1][1] = 8;
@@ -146,7 +147,7 @@ TEST(DecodeSample, EveryGroupInDiskOrder)
     EXPECT_EQ(fs.time, 0x12345678u);
     EXPECT_EQ(positions(fs), (Floats{m, -3, m, 4, m, m, m, m, m, 900, m, 3.5f, m, 4, 1e8f, 1e8f}));
     EXPECT_EQ(fs.extraData[1], 0xBBBB) << "not rewritten by a sample without extra data";
-    EXPECT_EQ(f->currentSampleFlags, kAllGroups | right.flags | kSampleBit);
+    EXPECT_EQ(f->currentSampleFlags, kAllGroups | right.flags | kSampleItem);
 
     // The earliest and latest times the file has seen.
     EXPECT_EQ(f->earliestSampleTime, 105u);
@@ -158,7 +159,7 @@ TEST(DecodeSample, EveryGroupInDiskOrder)
 TEST(DecodeSample, ExtraDataIsCappedAtEightWords)
 {
     SampleItem s;
-    s.flags = kExtra | kFullTime;
+    s.flags = kExtraData | kFullTime;
     s.extraType = 0x2C; // 12 words meant
     for (uint16_t i = 1; i <= 12; ++i) s.extra.push_back(i);
     OrbWriter w;

@@ -46,11 +46,11 @@ TEST(PreScan, EntriesAndKeys)
     EXPECT_EQ(s.position, int32_t(bodyAt));
     EXPECT_EQ(s.headerWord, sampleAt(1000).flags);
     EXPECT_EQ(s.key(), 2000u);
-    EXPECT_EQ(itemOf(*f, EFIX).type, 0x200 | EFIX) << "end codes: end time and eye marker";
+    EXPECT_EQ(itemOf(*f, EFIX).type, kEyeMarkerRight | EFIX) << "end codes: end time and eye marker";
     EXPECT_EQ(itemOf(*f, EFIX).key(), 2000u);
     EXPECT_EQ(itemOf(*f, MESSAGE).type, MESSAGE);
     EXPECT_EQ(itemOf(*f, MESSAGE).key(), 2002u);
-    EXPECT_EQ(itemOf(*f, SSAMPLES).type, 0x100 | SSAMPLES);
+    EXPECT_EQ(itemOf(*f, SSAMPLES).type, kEyeMarkerLeft | SSAMPLES);
 }
 
 // ---------------------------------------------------------------------------
@@ -123,11 +123,11 @@ TEST(BlockPairing, ToleranceDecidesWhetherMarkersMerge)
     // with the earlier start and ends with the later end.
     for (uint32_t gap : {400u, 501u}) {
         OrbWriter w;
-        w.add(blockStart(17, 1000 + gap, 500.0, 0, 10, 10, 0x0312, 0x8000));
-        w.add(blockStart(15, 1000, 500.0, 0xC000 | kSampleBit, 10));
+        w.add(blockStart(SEVENTS, 1000 + gap, 500.0, 0, 10, 10, 0x0312, kEventBlockRightEye));
+        w.add(blockStart(SSAMPLES, 1000, 500.0, kBothEyes | kSampleItem, 10));
         addSamples(w, {1000 + gap, 1001 + gap});
-        w.add(blockEnd(16, 1002 + gap));
-        w.add(blockEnd(18, 1002 + 2 * gap));
+        w.add(blockEnd(ESAMPLES, 1002 + gap));
+        w.add(blockEnd(EEVENTS, 1002 + 2 * gap));
         auto f = openOrb(w);
         std::vector<int> types;
         for (const auto& r : f->recordings) types.push_back(r->recordType);
@@ -150,10 +150,11 @@ TEST(BlockPairing, ToleranceDecidesWhetherMarkersMerge)
 TEST(BlockPairing, RecordFields)
 {
     OrbWriter w;
-    w.add(blockStart(15, 1000, 1000.0, 0x8000 | kSampleBit | kExtra, 10));
-    w.add(EventItem(17, -1).start(5000).word(48, 10).word(81, 10).word(180, 0x1234).word(85, 0x8000)
-              .word(86, 2).end(uint32_t(500.0 * 65536)).words(75, 0x0020, 0));
-    w.add(blockEnd(16, 5001));
+    w.add(blockStart(SSAMPLES, 1000, 1000.0, kLeftEye | kSampleItem | kExtraData, 10));
+    w.add(EventItem(SEVENTS, -1).start(5000).word(kFieldStartScalar, 10).word(kFieldEndScalar, 10)
+              .word(kFieldBlockFlags, 0x1234).word(kFieldBlockFlags2, kEventBlockRightEye).word(kFieldBlockOption, 2)
+              .end(uint32_t(500.0 * 65536)).words(kFieldEndRes, 0x0020, 0));
+    w.add(blockEnd(ESAMPLES, 5001));
     auto f = openOrb(w);
     ASSERT_EQ(f->recordings.size(), 3u);
     // recordType, eyes, filterFlag, modeFlag, modeLevel, sampleFlags, eventFlags, rate
@@ -161,7 +162,7 @@ TEST(BlockPairing, RecordFields)
         return std::vector<int>{r.recordType, r.eyes,        r.filterFlag, r.modeFlag,
                                 r.modeLevel,  r.sampleFlags, r.eventFlags, int(r.sampleRate)};
     };
-    EXPECT_EQ(fields(*f->recordings[0]), (std::vector<int>{1, 1, 0, 1, 1, 0x8000 | kSampleBit | kExtra, 0, 1000}))
+    EXPECT_EQ(fields(*f->recordings[0]), (std::vector<int>{1, 1, 0, 1, 1, kLeftEye | kSampleItem | kExtraData, 0, 1000}))
         << "no option field: option 1";
     // The event block's word names the eyes the other way round.
     EXPECT_EQ(fields(*f->recordings[1]), (std::vector<int>{2, 2, 1, 0, 2, 0, 0x1234, 500}));
@@ -177,13 +178,13 @@ TEST(BlockPairing, LastSampleWithKind15ExtraDataClearsTheFlag)
 {
     for (uint8_t extraType : {uint8_t(0xF2), uint8_t(0x22)}) {
         OrbWriter w;
-        w.add(blockStart(15, 1000, 500.0, 0x8000 | kSampleBit | kExtra, 10));
-        SampleItem s = sampleAt(1000, kExtra);
+        w.add(blockStart(SSAMPLES, 1000, 500.0, kLeftEye | kSampleItem | kExtraData, 10));
+        SampleItem s = sampleAt(1000, kExtraData);
         s.extraType = extraType;
         s.extra = {1, 2};
         w.add(s);
         endBlock(w, 1001);
-        EXPECT_EQ(openOrb(w)->recordings[0]->sampleFlags, 0x8000 | kSampleBit | (extraType == 0xF2 ? 0 : kExtra));
+        EXPECT_EQ(openOrb(w)->recordings[0]->sampleFlags, kLeftEye | kSampleItem | (extraType == 0xF2 ? 0 : kExtraData));
     }
 }
 
@@ -372,7 +373,7 @@ TEST(Sort, InconsistentComparatorsStayInsideTheArray)
 
     // A blink start and a blink end of different eyes at one instant each go
     // before the other: still no more than O(n log n) comparisons.
-    const ORBItem start = entry(60, 0x100 | SBLINK, 100), end = entry(70, 0x200 | EBLINK, 100);
+    const ORBItem start = entry(60, kEyeMarkerLeft | SBLINK, 100), end = entry(70, kEyeMarkerRight | EBLINK, 100);
     ASSERT_TRUE(sortByTime(start, end) && sortByTime(end, start));
     std::vector<ORBItem> blinks;
     for (int i = 0; i < 20000; ++i) blinks.push_back(i & 1 ? end : start);

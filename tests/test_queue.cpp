@@ -18,7 +18,7 @@ constexpr float kMissing = 100000000.0f;
 Sample leftSample(uint32_t time)
 {
     Sample s;
-    s.fs.flags = kSampleBit | kLeft;
+    s.fs.flags = kSampleItem | kLeftEye;
     s.fs.time = time;
     return s;
 }
@@ -57,9 +57,9 @@ int16_t gazeX(int i) { return int16_t(100 + 10 * i); }
 void addSteppedBlock(OrbWriter& w, uint32_t t0, int n, double rate, const std::function<void(int)>& between = {},
                      std::initializer_list<int> skipped = {})
 {
-    const uint16_t flags = kSampleBit | kLeft | kGaze | kRes | kPupil;
-    w.add(blockStart(15, t0, rate, flags));
-    w.add(blockStart(17, t0, rate, 0x8000, 1, 10, 0x0312, 0x4000));
+    const uint16_t flags = kSampleItem | kLeftEye | kGazeGroup | kResolutionGroup | kPupilGroup;
+    w.add(blockStart(SSAMPLES, t0, rate, flags));
+    w.add(blockStart(SEVENTS, t0, rate, 0x8000, 1, 10, 0x0312, kEventBlockLeftEye));
     uint32_t previous = t0, t = t0;
     for (int i = 0; i < n; ++i) {
         t = t0 + uint32_t(i * (1000.0 / rate));
@@ -144,13 +144,13 @@ TEST(QueueAdd, PupilSizesAreCarriedForward)
     EXPECT_EQ(q.getOldSample(2)->fs.pupilSize[1], 1000.0f);
 
     Sample withPupil = leftSample(2);
-    withPupil.fs.flags |= kPupil;
+    withPupil.fs.flags |= kPupilGroup;
     withPupil.fs.pupilSize[0] = 3.5f;
     withPupil.fs.pupilSize[1] = 4.0f;
     q.addSample(&withPupil, 4);
     // An ignored sample neither sets nor takes the carry.
     Sample late = leftSample(0);
-    late.fs.flags |= kPupil;
+    late.fs.flags |= kPupilGroup;
     late.fs.pupilSize[0] = late.fs.pupilSize[1] = 9.0f;
     q.addSample(&late, 4);
     Sample next = leftSample(3);
@@ -261,7 +261,7 @@ TEST(QueueBatch, PlaceholdersBecomeMissingSamples)
             EXPECT_EQ(fs.gazeX[0], float(gazeX(i))) << i;
             continue;
         }
-        EXPECT_EQ(fs.flags, 0xC000);
+        EXPECT_EQ(fs.flags, kBothEyes);
         for (float v : {fs.gazeX[0], fs.rawY[1], fs.resolutionX, fs.fastRawVelY[1]}) EXPECT_EQ(v, kMissing);
         EXPECT_EQ(fs.pupilSize[0], 702.0f) << "carried";
         EXPECT_EQ((std::vector<int>{fs.extraType, fs.extraData[0], fs.extraData[1], fs.input, fs.status, fs.buttons}),

@@ -65,14 +65,14 @@ TEST(StraySamples, AreDroppedInBothModes)
 TEST(MisplacedBlockEnd, IsMovedInFrontOfTheNextStartWithoutSortingAgain)
 {
     OrbWriter w;
-    w.add(blockStart(15, 1000, 1000.0, kSampleBit | kLeft | kRight | kGaze, 1));
+    w.add(blockStart(SSAMPLES, 1000, 1000.0, kSampleItem | kBothEyes | kGazeGroup, 1));
     w.add(sampleAt(1000));
-    w.add(blockStart(15, 1003, 1000.0, kSampleBit | kLeft | kRight | kGaze, 1));
-    w.add(blockEnd(16, 1003));
+    w.add(blockStart(SSAMPLES, 1003, 1000.0, kSampleItem | kBothEyes | kGazeGroup, 1));
+    w.add(blockEnd(ESAMPLES, 1003));
     addSampleRun(w, 1003, 1005);
     w.add(blinkEnd(1001, 1004, 0)); // its start lies in block 1
     w.add(blinkStart(1005, 0));
-    w.add(blockEnd(16, 1006));
+    w.add(blockEnd(ESAMPLES, 1006));
     auto boundaryStates = [](const ORBFile& f) {
         std::vector<int> states;
         for (const ORBItem& i : f.items)
@@ -93,7 +93,7 @@ TEST(MisplacedBlockEnd, IsMovedInFrontOfTheNextStartWithoutSortingAgain)
     // sort; it stays.
     auto f = openOrb(w, kRepair);
     const int start = indexOf(*f, SBLINK);
-    EXPECT_EQ(f->items[size_t(start)].type, 0x1000 | 0x100 | SBLINK);
+    EXPECT_EQ(f->items[size_t(start)].type, kFlagEye0 | kEyeMarkerLeft | SBLINK);
     EXPECT_EQ(f->items[size_t(start)].key(), 2008u);
     EXPECT_EQ(f->items[size_t(start) - 1].code(), EBLINK) << "not sorted in front of the orphaned end";
     EXPECT_EQ(f->items[size_t(start) + 1].key(), 2010u);
@@ -130,14 +130,14 @@ TEST(Blinks, OrphanedEndRetimesTheNextStartOfItsEye)
     const int left = indexOf(*f, SBLINK, 0, 0);
     EXPECT_EQ(startTimeAt(*f, left), 1003u) << "read back at its new time";
     EXPECT_EQ(f->items[size_t(left)].key(), 2006u);
-    EXPECT_EQ(f->items[size_t(left)].type, 0x1000 | 0x100 | SBLINK);
+    EXPECT_EQ(f->items[size_t(left)].type, kFlagEye0 | kEyeMarkerLeft | SBLINK);
     EXPECT_EQ(f->items[size_t(left) + 1].code(), SAMPLE) << "sorted again, in front of its instant's sample";
     EXPECT_EQ(f->items[size_t(left) + 1].key(), 2006u);
-    EXPECT_EQ(itemOf(*f, SBLINK, 0, 1).type, 0x200 | SBLINK);
+    EXPECT_EQ(itemOf(*f, SBLINK, 0, 1).type, kEyeMarkerRight | SBLINK);
     EXPECT_EQ(itemOf(*f, SBLINK, 0, 1).key(), 2010u);
 
     auto checked = openOrb(w, kCheck);
-    EXPECT_EQ(itemOf(*checked, SBLINK, 0, 0).type, 0x100 | SBLINK);
+    EXPECT_EQ(itemOf(*checked, SBLINK, 0, 0).type, kEyeMarkerLeft | SBLINK);
     EXPECT_EQ(itemOf(*checked, SBLINK, 0, 0).key(), 2014u);
 }
 
@@ -162,11 +162,11 @@ TEST(Blinks, TwoBlinksInOneSaccadeBecomeOne)
     EXPECT_EQ(countCode(*f, SAMPLE), 13u);
     EXPECT_EQ(keysOf(*f, SBLINK), (std::vector<uint64_t>{2006, 2006, 2022}));
     EXPECT_EQ(keysOf(*f, EBLINK), (std::vector<uint64_t>{2018, 2018, 2024}));
-    for (int eye : {0, 1}) EXPECT_TRUE(itemOf(*f, EBLINK, 0, eye).type & 0x2000) << eye;
-    EXPECT_FALSE(itemOf(*f, EBLINK, 1, 0).type & 0x2000);
+    for (int eye : {0, 1}) EXPECT_TRUE(itemOf(*f, EBLINK, 0, eye).type & kFlagEye1) << eye;
+    EXPECT_FALSE(itemOf(*f, EBLINK, 1, 0).type & kFlagEye1);
     // Samples inside a blink, per eye.
-    EXPECT_EQ(flagged(*f, 0x1000), (std::vector<uint64_t>{1003, 1004, 1005, 1006, 1007, 1008, 1009, 1011, 1012}));
-    EXPECT_EQ(flagged(*f, 0x2000), (std::vector<uint64_t>{1003, 1004, 1005, 1006, 1007, 1008, 1009}));
+    EXPECT_EQ(flagged(*f, kFlagEye0), (std::vector<uint64_t>{1003, 1004, 1005, 1006, 1007, 1008, 1009, 1011, 1012}));
+    EXPECT_EQ(flagged(*f, kFlagEye1), (std::vector<uint64_t>{1003, 1004, 1005, 1006, 1007, 1008, 1009}));
     // Read back, a merged end starts with the nearest earlier blink start of
     // its eye, passing over the other eye's events.
     for (int eye : {0, 1}) EXPECT_EQ(startTimeAt(*f, indexOf(*f, EBLINK, 0, eye)), 1003u) << eye;
@@ -175,7 +175,7 @@ TEST(Blinks, TwoBlinksInOneSaccadeBecomeOne)
     // Checking alone neither joins nor flags.
     auto checked = openOrb(w, kCheck);
     EXPECT_EQ(countCode(*checked, SBLINK) + countCode(*checked, EBLINK), 10u);
-    EXPECT_TRUE(flagged(*checked, 0x3000).empty());
+    EXPECT_TRUE(flagged(*checked, kFlagEye0 | kFlagEye1).empty());
 }
 
 // ---------------------------------------------------------------------------

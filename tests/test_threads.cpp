@@ -59,7 +59,7 @@ std::string recording(double rate, int blocks, bool compressed)
         w.add(message(t0 - 5, "TRIALID " + std::to_string(b) + "\n"));
         addBlock(w, t0, 1500, rate, [&](int i, uint32_t t) {
             if (i % 300 == 10) w.add(EventItem(SFIX, 0).start(t - 5));
-            if (i % 300 == 200) w.add(EventItem(EFIX, 0).start(t - 195).end(t - 3).words(106, 1000, 2000));
+            if (i % 300 == 200) w.add(EventItem(EFIX, 0).start(t - 195).end(t - 3).words(kFieldAvgGaze, 1000, 2000));
         });
     }
     return w.write();

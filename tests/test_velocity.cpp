@@ -34,7 +34,8 @@ void fillQueue(SampleQueue& q, int n, unsigned step, const std::function<void(FS
         Sample s;
         FSAMPLE& fs = s.fs;
         fs.time = (1000 + step * unsigned(i)) / 2;
-        fs.flags = kSampleBit | kLeft | kRight | kGaze | kSecond | kRaw | kRes | kPupil;
+        fs.flags =
+            kSampleItem | kBothEyes | kGazeGroup | kSecondGroup | kRawGroup | kResolutionGroup | kPupilGroup;
         for (int e = 0; e < 2; ++e) {
             fs.gazeX[e] = 10.0f * float(i);
             fs.gazeY[e] = 5.0f;
@@ -169,7 +170,7 @@ TEST(SetVelocity, ClosedEyesAbsentEyesAndBadResolutions)
     SampleQueue q(nullptr);
     fillQueue(q, kN, 2, [](FSAMPLE& fs, int i) {
         if (i == kC - 1) fs.pupilSize[0] = 12.0f;         // eye 0 closed just before the centre
-        if (i == kC + 8) fs.flags &= uint16_t(~kRight);   // eye 1 not recorded
+        if (i == kC + 8) fs.flags &= uint16_t(~kRightEye);   // eye 1 not recorded
         if (i == kC + 10) fs.resolutionX = 0.005f;
         if (i == kC + 11) fs.resolutionY = M;
     });
@@ -251,9 +252,9 @@ TEST(SetVelocity, AgreesWithOnePairAtATime)
             Sample s;
             FSAMPLE& fs = s.fs;
             fs.time = uint32_t(key / 2);
-            fs.flags = kSampleBit | (defect(1) ? 0 : kLeft) | (defect(2) ? 0 : kRight) |
-                       (defect(1) ? 0 : kGaze) | (defect(3) ? 0 : kSecond) | (defect(2) ? 0 : kRaw) |
-                       (rng() % 10 < 3 ? 0 : kPupil);
+            fs.flags = kSampleItem | (defect(1) ? 0 : kLeftEye) | (defect(2) ? 0 : kRightEye) |
+                       (defect(1) ? 0 : kGazeGroup) | (defect(3) ? 0 : kSecondGroup) | (defect(2) ? 0 : kRawGroup) |
+                       (rng() % 10 < 3 ? 0 : kPupilGroup);
             for (int e = 0; e < 2; ++e) {
                 fs.gazeX[e] = float(int(rng() % 2000) - 200);
                 fs.gazeY[e] = defect(1) ? M : float(int(rng() % 1000));
@@ -282,7 +283,7 @@ TEST(SetVelocity, AgreesWithOnePairAtATime)
             }
             const FSAMPLE& fs = s->fs;
             for (int eye = 0; eye < 2; ++eye) {
-                if (!(fs.flags & (eye == 0 ? kLeft : kRight))) continue;
+                if (!(fs.flags & (eye == 0 ? kLeftEye : kRightEye))) continue;
                 const struct { bool fast; int kind; const float* x; const float* y; } pairs[] = {
                     {false, kGazePosition, fs.gazeVelX, fs.gazeVelY},
                     {false, kSecondPosition, fs.secondVelX, fs.secondVelY},
