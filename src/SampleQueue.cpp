@@ -15,6 +15,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "ItemFormat.h"
 #include "VelocityFilter.h"
 
 namespace {
@@ -22,8 +23,6 @@ namespace {
 constexpr int kShiftBy = 128;        // entries dropped by one shift
 constexpr int kLastCentredSlot = 447; // later slots have fewer than 64 successors
 constexpr float kCarriedPupilStart = 1000.0f;
-
-constexpr uint16_t kPupilGroup = 0x0100;
 
 inline bool present(float v) { return v != kMissingValue; }
 
