@@ -59,7 +59,7 @@ int main(int argc, char **argv)
     int err = 0;
     _ORBFILE *f = orb_open_file(argv[1], consistency, 1, 1, &err);
     if (!f) {
-        fprintf(stderr, "%s: cannot open (%d)\n", argv[1], err);
+        fprintf(stderr, "%s: cannot open (%d): %s", argv[1], err, orb_get_last_error());
         return 1;
     }
 
