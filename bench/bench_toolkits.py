@@ -16,7 +16,6 @@ first run of each pays for touching its fresh memory.
 from __future__ import annotations
 
 import argparse
-import importlib.util
 import os
 import sys
 import tempfile
@@ -26,10 +25,9 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 
 
 def generator():
-    spec = importlib.util.spec_from_file_location("bench_python", os.path.join(HERE, "bench_python.py"))
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
-    return module.generate
+    sys.path.insert(0, HERE)
+    import bench_python
+    return bench_python.generate
 
 
 def timed(fn):

@@ -723,6 +723,11 @@ ORBAPI_EXPORT int orb_columns_oculant_revision(const ORB_COLUMNS *c);
 /* Number of items in the time-ordered index (orb_get_element_count). */
 ORBAPI_EXPORT size_t orb_columns_items(const ORB_COLUMNS *c);
 
+/* Bytes of one element of a column of element type `type` (ORB_COLUMN_*):
+ * 1, 2, 4 or 8; 0 for an unknown type.  A column's data spans
+ * orb_columns_rows() times this many bytes.  Any thread may call it. */
+ORBAPI_EXPORT size_t orb_column_type_size(int type);
+
 #ifdef __cplusplus
 } /* extern "C" */
 

@@ -18,7 +18,10 @@ size_t typeSize(int type)
     case ORB_COLUMN_INT32:
     case ORB_COLUMN_UINT32:
     case ORB_COLUMN_FLOAT32: return 4;
-    default: return 8;
+    case ORB_COLUMN_FLOAT64:
+    case ORB_COLUMN_INT64:
+    case ORB_COLUMN_UINT64: return 8;
+    default: return 0;
     }
 }
 

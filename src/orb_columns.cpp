@@ -369,4 +369,6 @@ int orb_columns_revision(const ORB_COLUMNS* c) { return c ? c->revision : 0; }
 int orb_columns_oculant_revision(const ORB_COLUMNS* c) { return c ? c->oculantRevision : 0; }
 size_t orb_columns_items(const ORB_COLUMNS* c) { return c ? c->items : 0; }
 
+size_t orb_column_type_size(int type) { return columns::typeSize(type); }
+
 } // extern "C"

@@ -176,7 +176,6 @@ constexpr int U8 = ORB_COLUMN_UINT8, I16 = ORB_COLUMN_INT16, U16 = ORB_COLUMN_UI
               I32 = ORB_COLUMN_INT32, U32 = ORB_COLUMN_UINT32, F32 = ORB_COLUMN_FLOAT32,
               U64 = ORB_COLUMN_UINT64;
 
-size_t elementSize(int type) { return type == U8 ? 1 : type <= U16 ? 2 : type == U64 ? 8 : 4; }
 
 void putSample(TableValues& t, _ORBFILE* f, const FSAMPLE& fs, int flags)
 {
@@ -408,7 +407,7 @@ void expectSameAsWalk(const ORB_COLUMNS* c, const Walk& w)
             ASSERT_EQ(orb_columns_column(c, table, int(i), &col), 0);
             ASSERT_STREQ(col.name, v.name.c_str()) << "table " << table << " column " << i;
             ASSERT_EQ(col.type, v.type) << v.name;
-            const size_t size = elementSize(v.type);
+            const size_t size = orb_column_type_size(v.type);
             const auto* data = static_cast<const unsigned char*>(col.data);
             for (size_t r = 0; r < rows; ++r) {
                 uint64_t got = 0;
@@ -437,7 +436,7 @@ void expectSameColumns(const ORB_COLUMNS* a, const ORB_COLUMNS* b)
             orb_columns_column(a, table, i, &x);
             orb_columns_column(b, table, i, &y);
             ASSERT_STREQ(x.name, y.name);
-            const size_t size = elementSize(x.type);
+            const size_t size = orb_column_type_size(x.type);
             EXPECT_TRUE(rows == 0 || std::memcmp(x.data, y.data, rows * size) == 0) << x.name;
         }
     }
@@ -544,7 +543,7 @@ TEST_F(Columns, WithoutTheOptionalGroupsTheOtherColumnsStayTheSame)
             ORB_COLUMN x{}, y{};
             orb_columns_column(c, ORB_TABLE_SAMPLES, i, &x);
             ASSERT_EQ(orb_columns_find(full, ORB_TABLE_SAMPLES, x.name, &y), 0) << x.name;
-            EXPECT_EQ(std::memcmp(x.data, y.data, orb_columns_rows(c, ORB_TABLE_SAMPLES) * elementSize(x.type)), 0) << x.name;
+            EXPECT_EQ(std::memcmp(x.data, y.data, orb_columns_rows(c, ORB_TABLE_SAMPLES) * orb_column_type_size(x.type)), 0) << x.name;
         }
         orb_free_columns(c);
     }

@@ -27,8 +27,7 @@ std::vector<unsigned char> columnBytes(const std::string& path)
         for (int i = 0; i < orb_columns_count(c, t); ++i) {
             ORB_COLUMN col{};
             orb_columns_column(c, t, i, &col);
-            const size_t size = col.type == ORB_COLUMN_UINT8 ? 1 : col.type <= ORB_COLUMN_UINT16 ? 2
-                                : col.type >= ORB_COLUMN_FLOAT64 ? 8 : 4;
+            const size_t size = orb_column_type_size(col.type);
             const auto* data = static_cast<const unsigned char*>(col.data);
             if (data) out.insert(out.end(), data, data + size * orb_columns_rows(c, t));
         }

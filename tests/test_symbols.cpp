@@ -43,7 +43,7 @@ TEST(Symbols, ExactlyTheInterfaceIsExported)
         "orb_read_columns", "orb_read_columns_memory", "orb_free_columns", "orb_columns_rows",
         "orb_columns_count", "orb_columns_column", "orb_columns_find", "orb_columns_text",
         "orb_columns_preamble", "orb_columns_revision", "orb_columns_oculant_revision",
-        "orb_columns_items",
+        "orb_columns_items", "orb_column_type_size",
         "_Z23orb_get_sample_intervalP8_ORBFILE", "_Z26orb_get_sample_interval_exP8_ORBFILE",
         "_Z27get_filter_level_for_sampleP8_ORBFILE", "_Z25orb_get_sample_per_secondP8_ORBFILE",
         "_Z21orb_get_element_indexP8_ORBFILE",

@@ -233,12 +233,12 @@ def _trial_axes(ax):
         fig = _new_figure((13, 6.5))
         return _split(fig.add_gridspec(1, 1)[0], fig)
     if isinstance(ax, Axes):
-        spec = ax.get_subplotspec()
-        if spec is None:
+        cell = ax.get_subplotspec()
+        if cell is None:
             raise ValueError("ax must be an axes of a grid (e.g. from subplots)")
         fig = ax.figure
         ax.remove()
-        return _split(spec, fig)
+        return _split(cell, fig)
     if hasattr(ax, "add_gridspec"):  # a Figure or SubFigure
         if not ax.axes and hasattr(ax, "set_size_inches"):
             ax.set_size_inches(13, 6.5)
@@ -250,8 +250,8 @@ def _trial_axes(ax):
     return axes
 
 
-def _split(spec, fig):
-    grid = spec.subgridspec(2, 2, width_ratios=[2.2, 1])
+def _split(cell, fig):
+    grid = cell.subgridspec(2, 2, width_ratios=[2.2, 1])
     ax_x = fig.add_subplot(grid[0, 0])
     ax_y = fig.add_subplot(grid[1, 0], sharex=ax_x)
     ax_scan = fig.add_subplot(grid[:, 1])
