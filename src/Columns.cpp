@@ -2,6 +2,7 @@
 #include "Columns.h"
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -54,9 +55,9 @@ constexpr size_t kColumnAlign = 64;
 Storage::Storage(size_t bytes) : bytes_(bytes)
 {
     if (bytes >= kMapFrom) {
-        // Every row will be written: the pages are made present in one go
-        // rather than faulted in one at a time.
-        void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+        // Mapped as it is, its pages are made present by the first write to
+        // each, or ahead of the writer by Table::prefault.
+        void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (p == MAP_FAILED)
             throw std::bad_alloc();
         data_ = static_cast<unsigned char*>(p);
@@ -117,6 +118,26 @@ void Table::allocate(size_t capacity)
     }
     capacity_ = capacity;
     rows_ = 0;
+}
+
+bool Table::prefault(size_t from, size_t to) const
+{
+#ifdef MADV_POPULATE_WRITE
+    if (!storage_.mapped() || from >= to)
+        return false;
+    const uintptr_t page = uintptr_t(sysconf(_SC_PAGESIZE));
+    for (const Column& c : columns_) {
+        const uintptr_t first = reinterpret_cast<uintptr_t>(c.data + from * c.size) & ~(page - 1);
+        const uintptr_t last = reinterpret_cast<uintptr_t>(c.data + std::min(to, capacity_) * c.size);
+        if (last > first && madvise(reinterpret_cast<void*>(first), last - first, MADV_POPULATE_WRITE) != 0)
+            return false;
+    }
+    return true;
+#else
+    (void)from;
+    (void)to;
+    return false;
+#endif
 }
 
 bool Table::describe(size_t i, ORB_COLUMN* out) const

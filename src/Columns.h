@@ -81,8 +81,9 @@ struct Column {
     unsigned char* data = nullptr; // in the table's storage
 };
 
-// The storage of a table's columns: one block, its pages made present when
-// it is allocated, so that filling it costs no page faults.
+// The storage of a table's columns: one block.  A large one is mapped from
+// the system; its pages become present as they are first written, or ahead
+// of the writer (Table::prefault).
 class Storage {
 public:
     Storage() = default;
@@ -98,6 +99,7 @@ public:
     Storage& operator=(const Storage&) = delete;
 
     unsigned char* data() const { return data_; }
+    bool mapped() const { return mapped_; }
 
 private:
     unsigned char* data_ = nullptr;
@@ -131,6 +133,12 @@ public:
         }
         ++rows_;
     }
+
+    // Makes the pages of rows [from, to) of every column present, so that
+    // writing them later costs no page faults; safe to call from another
+    // thread while rows are appended.  False when the system cannot do it
+    // (or the storage is not mapped).
+    bool prefault(size_t from, size_t to) const;
 
     size_t rows() const { return rows_; }
     size_t capacity() const { return capacity_; }
