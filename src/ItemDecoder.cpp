@@ -8,6 +8,7 @@
 //
 // The sample decoder is the hot path of opening and batch reading: it reads
 // through the stream's inline readers and allocates nothing.
+#include <algorithm>
 #include <cstring>
 
 #include "ORBException.h"
@@ -23,7 +24,11 @@ constexpr int kMessageCapacity = int(sizeof(ORB_MESSAGE::text));
 constexpr int kExtraWords = 8;
 constexpr double kFixed16 = 1.52587890625e-05; // 2^-16
 
-inline float signedWord(InputStream& in) { return float(int16_t(in.getWord())); }
+template <class In>
+inline float signedWord(In& in)
+{
+    return float(int16_t(in.getWord()));
+}
 
 // A stored scaled word: -32768 marks a missing value; otherwise the word is
 // divided by the divisor when that is a usable one (above 0.1; a NaN is not).
@@ -36,7 +41,8 @@ inline float prescale(int w, float divisor)
     return float(w);
 }
 
-inline float scaledWord(InputStream& in, float divisor)
+template <class In>
+inline float scaledWord(In& in, float divisor)
 {
     return prescale(int16_t(in.getWord()), divisor);
 }
@@ -55,6 +61,127 @@ inline int truncated(float v)
     if (!(v > -2147483648.0f && v < 2147483648.0f))
         return 0;
     return int(v);
+}
+
+// Big-endian reads straight from bytes known to be there: a sample whose
+// bytes all lie in the stream's window is decoded through this.
+struct InPlace {
+    const unsigned char* p;
+    int getByte() { return *p++; }
+    int getWord()
+    {
+        const int v = (p[0] << 8) | p[1];
+        p += 2;
+        return v;
+    }
+    unsigned int getInt()
+    {
+        const unsigned int v = (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | uint32_t(p[3]);
+        p += 4;
+        return v;
+    }
+};
+
+// The bytes of a sample with flag word `flag` from its time up to its
+// extra-data type byte (included), which is all whose size the flags give.
+inline size_t sampleHeadBytes(unsigned flag)
+{
+    const size_t eyes = ((flag & kLeftEye) ? 1 : 0) + ((flag & kRightEye) ? 1 : 0);
+    size_t n = (flag & kFullTime) ? 4 : 1;
+    n += (flag & kRawGroup) ? 4 * eyes : 0;
+    n += (flag & kSecondGroup) ? 4 * eyes : 0;
+    n += (flag & kGazeGroup) ? 4 * eyes : 0;
+    n += (flag & kResolutionGroup) ? 4 : 0;
+    n += (flag & kPupilGroup) ? 2 * eyes : 0;
+    n += (flag & kStatusWord) ? 2 : 0;
+    n += (flag & kInputWord) ? 2 : 0;
+    n += (flag & kButtonsWord) ? 2 : 0;
+    n += (flag & kExtraData) ? 1 : 0;
+    return n;
+}
+
+// The whole of a sample without skipped block lists in the stream's
+// window, in place; null when it is not all there.  *size gets its bytes.
+inline const unsigned char* sampleInWindow(const InputStream& in, unsigned flag, size_t* size)
+{
+    if (flag & (kSkipList1 | kSkipList2))
+        return nullptr;
+    size_t n = sampleHeadBytes(flag);
+    const unsigned char* p = in.peek(n);
+    if (p && (flag & kExtraData)) {
+        n += 2 * std::min(size_t(p[n - 1] & kExtraCountMask), size_t(kExtraWords));
+        p = in.peek(n);
+    }
+    *size = n;
+    return p;
+}
+
+// The values of a sample after its time, in file order, into s.  Pupil
+// sizes of a sample without the group are left as they were.
+template <class In>
+inline void decodeSampleValues(In& in, unsigned flag, float divisor, FSAMPLE& s)
+{
+    const bool left = flag & kLeftEye;
+    const bool right = flag & kRightEye;
+    for (int e = 0; e < 2; ++e) {
+        s.rawX[e] = s.rawY[e] = kMissingPosition;
+        s.secondX[e] = s.secondY[e] = kMissingPosition;
+        s.gazeX[e] = s.gazeY[e] = kMissingPosition;
+    }
+    if (flag & kRawGroup) {
+        if (left) {
+            s.rawX[0] = signedWord(in);
+            s.rawY[0] = signedWord(in);
+        }
+        if (right) {
+            s.rawX[1] = signedWord(in);
+            s.rawY[1] = signedWord(in);
+        }
+    }
+    if (flag & kSecondGroup) {
+        if (left) {
+            s.secondX[0] = signedWord(in);
+            s.secondY[0] = signedWord(in);
+        }
+        if (right) {
+            s.secondX[1] = signedWord(in);
+            s.secondY[1] = signedWord(in);
+        }
+    }
+    if (flag & kGazeGroup) {
+        if (left) {
+            s.gazeX[0] = scaledWord(in, divisor);
+            s.gazeY[0] = scaledWord(in, divisor);
+        }
+        if (right) {
+            s.gazeX[1] = scaledWord(in, divisor);
+            s.gazeY[1] = scaledWord(in, divisor);
+        }
+    }
+    if (flag & kResolutionGroup) {
+        s.resolutionX = scaledWord(in, divisor);
+        s.resolutionY = scaledWord(in, divisor);
+    } else {
+        s.resolutionX = s.resolutionY = kMissingValue;
+    }
+    if (flag & kPupilGroup) {
+        s.pupilSize[0] = left ? signedWord(in) : kMissingPosition;
+        s.pupilSize[1] = right ? signedWord(in) : kMissingPosition;
+    }
+    s.status = (flag & kStatusWord) ? uint16_t(in.getWord()) : kMissingStatus;
+    s.input = (flag & kInputWord) ? uint16_t(in.getWord()) : kMissingStatus;
+    s.buttons = (flag & kButtonsWord) ? uint16_t(in.getWord()) : 0;
+    if (flag & kExtraData) {
+        int type = in.getByte();
+        int n = type & kExtraCountMask;
+        if (n > kExtraWords)
+            n = kExtraWords;
+        for (int i = 0; i < n; ++i)
+            s.extraData[i] = uint16_t(in.getWord());
+        s.extraType = int16_t(type);
+    } else {
+        s.extraType = int16_t(kMissingWord);
+    }
 }
 
 // combfile_status() == 0, without the call: open, not at end of file, past
@@ -148,11 +275,14 @@ int ItemDecoder::read_combfile_sample_noexcept(Sample* sample, unsigned int expe
     FSAMPLE& s = sample->fs;
     s.flags = uint16_t(flag);
 
+    size_t size = 0;
+    const unsigned char* bytes = sampleInWindow(in, flag, &size);
+    InPlace at{bytes};
     uint32_t time;
     if (flag & kFullTime) {
-        time = in.getInt();
+        time = bytes ? at.getInt() : in.getInt();
     } else {
-        time = lastSampleTime + uint32_t(in.getByte());
+        time = lastSampleTime + uint32_t(bytes ? at.getByte() : in.getByte());
         // A caller that knows when this sample is due wins over the step;
         // the time base then follows it.
         if (expectedTime != 0 && time != expectedTime)
@@ -161,75 +291,44 @@ int ItemDecoder::read_combfile_sample_noexcept(Sample* sample, unsigned int expe
     lastSampleTime = time;
     s.time = time;
 
-    const bool left = flag & kLeftEye;
-    const bool right = flag & kRightEye;
-    for (int e = 0; e < 2; ++e) {
-        s.rawX[e] = s.rawY[e] = kMissingPosition;
-        s.secondX[e] = s.secondY[e] = kMissingPosition;
-        s.gazeX[e] = s.gazeY[e] = kMissingPosition;
+    if (bytes) {
+        decodeSampleValues(at, flag, gazeDivisor, s);
+        in.consume(size);
+    } else {
+        decodeSampleValues(in, flag, gazeDivisor, s);
+        if (flag & kSkipList1)
+            skipBlockList(in);
+        if (flag & kSkipList2)
+            skipBlockList(in);
     }
 
-    if (flag & kRawGroup) {
-        if (left) {
-            s.rawX[0] = signedWord(in);
-            s.rawY[0] = signedWord(in);
-        }
-        if (right) {
-            s.rawX[1] = signedWord(in);
-            s.rawY[1] = signedWord(in);
-        }
-    }
-    if (flag & kSecondGroup) {
-        if (left) {
-            s.secondX[0] = signedWord(in);
-            s.secondY[0] = signedWord(in);
-        }
-        if (right) {
-            s.secondX[1] = signedWord(in);
-            s.secondY[1] = signedWord(in);
-        }
-    }
-    const float divisor = gazeDivisor;
-    if (flag & kGazeGroup) {
-        if (left) {
-            s.gazeX[0] = scaledWord(in, divisor);
-            s.gazeY[0] = scaledWord(in, divisor);
-        }
-        if (right) {
-            s.gazeX[1] = scaledWord(in, divisor);
-            s.gazeY[1] = scaledWord(in, divisor);
-        }
-    }
-    if (flag & kResolutionGroup) {
-        s.resolutionX = scaledWord(in, divisor);
-        s.resolutionY = scaledWord(in, divisor);
-    } else {
-        s.resolutionX = s.resolutionY = kMissingValue;
-    }
-    // Pupil sizes of a sample without the group are left as they were.
-    if (flag & kPupilGroup) {
-        s.pupilSize[0] = left ? signedWord(in) : kMissingPosition;
-        s.pupilSize[1] = right ? signedWord(in) : kMissingPosition;
-    }
-    s.status = (flag & kStatusWord) ? uint16_t(in.getWord()) : kMissingStatus;
-    s.input = (flag & kInputWord) ? uint16_t(in.getWord()) : kMissingStatus;
-    s.buttons = (flag & kButtonsWord) ? uint16_t(in.getWord()) : 0;
-    if (flag & kExtraData) {
-        int type = in.getByte();
-        int n = type & kExtraCountMask;
-        if (n > kExtraWords)
-            n = kExtraWords;
-        for (int i = 0; i < n; ++i)
-            s.extraData[i] = uint16_t(in.getWord());
-        s.extraType = int16_t(type);
-    } else {
-        s.extraType = int16_t(kMissingWord);
-    }
-    if (flag & kSkipList1)
-        skipBlockList(in);
-    if (flag & kSkipList2)
-        skipBlockList(in);
+    if (earliestSampleTime == 0 || time < earliestSampleTime)
+        earliestSampleTime = time;
+    if (time > latestSampleTime)
+        latestSampleTime = time;
+    return 0;
+}
 
+int ItemDecoder::frame_combfile_sample(Sample* sample, int catchErrors)
+{
+    const unsigned flag = pendingTag;
+    // A sample whose bytes all lie in the stream's window (as good as all
+    // of them) is stepped over; anything else takes the decoder's own path.
+    size_t size = 0;
+    const unsigned char* p = (flag & kSampleItem) && stream ? sampleInWindow(*stream, flag, &size) : nullptr;
+    if (!sample || !p || !ready(*this) || !itemReadingEnabled)
+        return read_combfile_sample(sample, 0, catchErrors);
+    InPlace at{p};
+    const uint32_t time = (flag & kFullTime) ? at.getInt() : lastSampleTime + uint32_t(at.getByte());
+    stream->consume(size);
+
+    currentSampleFlags = uint16_t(currentSampleFlags | flag);
+    pendingTag = 0;
+    lastSampleTime = time;
+    FSAMPLE& s = sample->fs;
+    s.flags = uint16_t(flag);
+    s.time = time;
+    s.extraType = int16_t((flag & kExtraData) ? p[sampleHeadBytes(flag) - 1] : kMissingWord);
     if (earliestSampleTime == 0 || time < earliestSampleTime)
         earliestSampleTime = time;
     if (time > latestSampleTime)

@@ -27,6 +27,11 @@ public:
     // Throws ORBException on a short read unless catchErrors.
     int read_combfile_sample_noexcept(Sample* sample, unsigned int expectedTime);
     int read_combfile_sample(Sample* sample, unsigned int expectedTime, int catchErrors);
+    // read_combfile_sample with no expected time for a reader that needs
+    // only the sample's time, flags and extra-data type: the rest of
+    // sample->fs is left as it was.  The same bytes are consumed, with the
+    // same effect on the decoder, the same results and the same failures.
+    int frame_combfile_sample(Sample* sample, int catchErrors);
     // Decodes the event whose tag is pending (or the next one) into
     // event->fe: 0, -1 when there is none or it is damaged, -2 when the
     // pending tag is a sample's.  Block starts change the decoder state.

@@ -58,6 +58,15 @@ public:
         }
         return getIntSlow();
     }
+    // The next n bytes in place when the window holds them all (null
+    // otherwise); they count as consumed only once passed to consume().
+    const unsigned char* peek(size_t n) const { return size_t(end_ - cur_) >= n ? cur_ : nullptr; }
+    // Consumes n bytes that peek(n) has shown.
+    void consume(size_t n)
+    {
+        cur_ += n;
+        advance(long(n));
+    }
     // Skips n bytes as getRawData would consume them; returns the count.
     int skip(int n);
     // Reads a line with getTerminatedString.  Fails (throws) only when the

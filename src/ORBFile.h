@@ -107,8 +107,10 @@ public:
     // The queue entry of the sample at index entry `index`, read into the
     // queue when needed, its velocities filled when asked for; null when no
     // sample carries the entry's key.  Throws ORBException when the stream
-    // cannot be read.
-    Sample* queuedSample(int index, bool velocities);
+    // cannot be read.  A caller that hands out samples in index order may
+    // keep the slot of the last one in *slot (-1 at first): the next is
+    // then found without a search when it follows in the queue.
+    Sample* queuedSample(int index, bool velocities, int* slot = nullptr);
     ALLF_DATA* getFloatData();
     void resetPosition(const ORBItem* item);
     int gotoIndex(int index);

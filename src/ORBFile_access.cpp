@@ -96,16 +96,23 @@ int ORBFile::readItem(int index)
     return -1;
 }
 
-Sample* ORBFile::queuedSample(int index, bool velocities)
+Sample* ORBFile::queuedSample(int index, bool velocities, int* slot)
 {
     const unsigned long long key = items[size_t(index)].key();
-    auto carriesKey = [&](const Sample* s) {
-        const int slot = queue->slotOf(s);
-        return slot >= 0 && queue->keyAt(slot) == key;
-    };
-    Sample* s = queue->getSample(index);
-    if (!carriesKey(s))
+    Sample* s = slot ? queue->following(*slot, key) : nullptr;
+    if (s) {
+        ++*slot;
+    } else {
+        auto carriesKey = [&](const Sample* s) {
+            const int at = queue->slotOf(s);
+            return at >= 0 && queue->keyAt(at) == key;
+        };
         s = queue->getSample(index);
+        if (!carriesKey(s))
+            s = queue->getSample(index);
+        if (slot)
+            *slot = s ? queue->slotOf(s) : -1;
+    }
     if (!s) // no sample carries this entry's key: the stream and the index disagree here
         return nullptr;
     if (!currentRecording)

@@ -110,28 +110,38 @@ int ORBFile::batchReadSample(int itemIndex)
             // Decoded straight into the queue's next slot.
             Sample& sample = *q.nextSlot();
             const unsigned long long key = entry.key();
-            if (entry.position != kPlaceholder) {
-                // Copying a zero record compiles to a few wide stores; a
-                // memset of this size becomes a slow string instruction.
-                std::memcpy(static_cast<void*>(&sample.fs), &kZeroSample, sizeof sample.fs);
-                unsigned int expected = 0;
-                if (firstRead) {
-                    resetPosition(&entry);
-                    expected = unsigned(key >> 1);
-                }
-                if (read_combfile_sample(&sample, expected, 0) < 0) {
+            if (entry.position != kPlaceholder && !firstRead && q.size() > 0 && key <= q.keyAt(q.size() - 1)) {
+                // Already queued (a shift kept it, and the batch reads on
+                // from the sample at hand): the queue would not take it
+                // again, so it is only stepped over.
+                if (frame_combfile_sample(&sample, 0) < 0) {
                     orb_log("error reading orb file 5\n");
                     throw ORBException("Error reading Sample - type");
                 }
-                firstRead = false;
             } else {
-                makeMissingSample(sample, key);
-                firstRead = true;
+                if (entry.position != kPlaceholder) {
+                    // Copying a zero record compiles to a few wide stores; a
+                    // memset of this size becomes a slow string instruction.
+                    std::memcpy(static_cast<void*>(&sample.fs), &kZeroSample, sizeof sample.fs);
+                    unsigned int expected = 0;
+                    if (firstRead) {
+                        resetPosition(&entry);
+                        expected = unsigned(key >> 1);
+                    }
+                    if (read_combfile_sample(&sample, expected, 0) < 0) {
+                        orb_log("error reading orb file 5\n");
+                        throw ORBException("Error reading Sample - type");
+                    }
+                    firstRead = false;
+                } else {
+                    makeMissingSample(sample, key);
+                    firstRead = true;
+                }
+                // Repair mode trusts the index over the stream for the time.
+                if (fixupMode && sample.fs.time != uint32_t(key >> 1))
+                    makeMissingSample(sample, key);
+                q.addSample(&sample, key);
             }
-            // Repair mode trusts the index over the stream for the time.
-            if (fixupMode && sample.fs.time != uint32_t(key >> 1))
-                makeMissingSample(sample, key);
-            q.addSample(&sample, key);
 
             int next = at + 1;
             while (next < n && items[size_t(next)].code() != SAMPLE)

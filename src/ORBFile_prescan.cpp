@@ -190,7 +190,7 @@ void PreScanner::run()
 
 bool PreScanner::scanSample(int32_t position, uint16_t header)
 {
-    if (f_.read_combfile_sample(&sample_, 0, tolerant_) < 0) {
+    if (f_.frame_combfile_sample(&sample_, tolerant_) < 0) {
         orb_log("error reading orb file 2\n");
         if (!tolerant_)
             throw ORBException("Error reading Sample - type");

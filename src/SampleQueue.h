@@ -27,6 +27,9 @@ protected:
 class SampleQueue {
 public:
     static constexpr int kSlots = 512;
+    // Later slots have fewer than 64 successors: a sample found there is
+    // handed out only after the queue has read on.
+    static constexpr int kLastCentredSlot = 447;
 
     explicit SampleQueue(SampleSource* source);
 
@@ -49,6 +52,17 @@ public:
     Sample* getOldSampleSlow(unsigned long long key, int* pos = nullptr);
     // The sample of index entry itemIndex, reading a batch when needed.
     Sample* getSample(int itemIndex);
+    // What getSample hands out for an entry whose key is `key` when the
+    // entry at `slot` went before it: the next slot, when it holds that key
+    // and lies where getSample takes a sample without reading on; null
+    // otherwise (getSample then decides).
+    Sample* following(int slot, unsigned long long key)
+    {
+        const int next = slot + 1;
+        if (slot < 0 || next >= count_ || next > kLastCentredSlot || keyOf(next) != key)
+            return nullptr;
+        return &at(next).sample;
+    }
 
     // Fills the velocity members of s (a queue entry) from its neighbours.
     int setVelocity(Sample* s, int rate);

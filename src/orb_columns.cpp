@@ -205,6 +205,7 @@ void ColumnReader::walk()
     int32_t block = -1;     // the block the rows lie in
     int32_t nextBlock = 0;  // the number of the next block start
     FSAMPLE fs;
+    int slot = -1; // the queue slot of the last sample handed out
     int code;
     while ((code = f_.stepNext()) != NO_MORE_ITEMS) {
         const size_t index = size_t(f_.current - 1);
@@ -216,7 +217,7 @@ void ColumnReader::walk()
             // the queue, velocities only when they are wanted.
             const ORBItem& item = f_.items[index];
             try {
-                const Sample* s = f_.queuedSample(int(index), velocities);
+                const Sample* s = f_.queuedSample(int(index), velocities, &slot);
                 if (!s) {
                     orb_log("Read error \n");
                     continue;
