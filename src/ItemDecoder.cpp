@@ -86,18 +86,17 @@ struct InPlace {
 // extra-data type byte (included), which is all whose size the flags give.
 inline size_t sampleHeadBytes(unsigned flag)
 {
-    const size_t eyes = ((flag & kLeftEye) ? 1 : 0) + ((flag & kRightEye) ? 1 : 0);
-    size_t n = (flag & kFullTime) ? 4 : 1;
-    n += (flag & kRawGroup) ? 4 * eyes : 0;
-    n += (flag & kSecondGroup) ? 4 * eyes : 0;
-    n += (flag & kGazeGroup) ? 4 * eyes : 0;
-    n += (flag & kResolutionGroup) ? 4 : 0;
-    n += (flag & kPupilGroup) ? 2 * eyes : 0;
-    n += (flag & kStatusWord) ? 2 : 0;
-    n += (flag & kInputWord) ? 2 : 0;
-    n += (flag & kButtonsWord) ? 2 : 0;
-    n += (flag & kExtraData) ? 1 : 0;
-    return n;
+    // Set bits among the three lowest of x.
+    auto count3 = [](unsigned x) { return size_t((x & 1) + ((x >> 1) & 1) + ((x >> 2) & 1)); };
+    static_assert(kRawGroup == kSecondGroup << 1 && kSecondGroup == kGazeGroup << 1 &&
+                      kStatusWord == kInputWord << 1 && kInputWord == kButtonsWord << 1 && kLeftEye == kRightEye << 1,
+                  "groups of adjacent bits");
+    const size_t eyes = count3((flag / kRightEye) & 3);
+    // Four bytes an eye for each position group, two for each word.
+    const size_t pairGroups = count3(flag / kGazeGroup);
+    const size_t words = count3(flag / kButtonsWord);
+    return ((flag & kFullTime) ? 4 : 1) + 4 * eyes * pairGroups + ((flag & kResolutionGroup) ? 4 : 0) +
+           ((flag & kPupilGroup) ? 2 * eyes : 0) + 2 * words + ((flag & kExtraData) ? 1 : 0);
 }
 
 // The whole of a sample without skipped block lists in the stream's

@@ -1,8 +1,9 @@
 // Byte streams over a recording.  Every byte the library reads passes
-// through an InputStream: big-endian typed readers on top of four primitive
-// operations.  The typed readers take their bytes straight from a window of
-// buffered data when it holds enough, so that decoding a field costs a few
-// instructions; the primitives are used only at window boundaries.
+// through an InputStream: big-endian typed readers on top of three primitive
+// operations and an end-of-data flag.  The typed readers take their bytes
+// straight from a window of buffered data when it holds enough, so that
+// decoding a field costs a few instructions; the primitives are used only
+// at window boundaries.
 #ifndef ORBAPI_NVIO_H
 #define ORBAPI_NVIO_H
 
@@ -16,7 +17,7 @@ public:
 
     // True once a read has run into the end of the data (not merely when
     // the position equals the size).
-    virtual bool eof() const = 0;
+    bool eof() const { return eof_; }
     // Reads up to count bytes; returns how many were read.  Short reads are
     // not errors here.
     virtual int getRawData(void* buffer, int count) = 0;
@@ -86,6 +87,7 @@ protected:
     const unsigned char* cur_ = nullptr;
     const unsigned char* end_ = nullptr;
     int32_t position_ = 0;
+    bool eof_ = false; // set by the implementation
 
     // Counts n bytes consumed; past 2^31 - 1 the counter wraps round.
     void advance(long n) { position_ = int32_t(uint32_t(position_) + uint32_t(n)); }
@@ -104,7 +106,6 @@ private:
 // reposition() for a seek outside it.
 class WindowedInputStream : public InputStream {
 public:
-    bool eof() const override { return eof_; }
     int getRawData(void* buffer, int count) override;
     int seek(long position) override;
     int getTerminatedString(char* buffer, int size) override;
@@ -123,7 +124,6 @@ protected:
 
     const unsigned char* base_ = nullptr;
     long windowStart_ = 0;
-    bool eof_ = false;
 };
 
 // A stream over a standard-I/O file, read through a large buffer.
