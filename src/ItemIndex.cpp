@@ -33,6 +33,10 @@ struct ByTime {
     }
 };
 
+struct SameInstant {
+    bool operator()(const ORBItem& a, const ORBItem& b) const { return a.key() == b.key(); }
+};
+
 } // namespace
 
 int ORBItem::getItemType() const
@@ -116,26 +120,101 @@ bool sortByTime(ORBItem a, ORBItem b)
 
 void ItemIndex::sortItems()
 {
-    ORBItem* const data = items.data();
-    const size_t n = items.size();
-    std::vector<ORBItem> scratch;
-    auto sameInstant = [](const ORBItem& a, const ORBItem& b) { return a.key() == b.key(); };
-    auto sort = [&](ORBItem* from, ORBItem* to) {
-        orbsort::sortNearlyOrdered(from, to, ByTime(), sameInstant, scratch);
-    };
-    if (n <= kWholeSortLimit) {
-        sort(data, data + n);
+    if (items.size() <= kWholeSortLimit) {
+        std::vector<ORBItem> scratch;
+        orbsort::sortNearlyOrdered(items.data(), items.data() + items.size(), ByTime(), SameInstant(), scratch);
         return;
     }
-    size_t first = 0;
-    size_t last = kFirstStretch;
+    sortStretchesFrom(0, kFirstStretch);
+}
+
+void ItemIndex::sortStretchesFrom(size_t first, size_t last)
+{
+    const size_t n = items.size();
+    std::vector<ORBItem> scratch;
     for (;;) {
-        sort(data + first, data + last);
+        orbsort::sortNearlyOrdered(items.data() + first, items.data() + last, ByTime(), SameInstant(), scratch);
         if (last == n)
             break;
         first = last - kStretchOverlap;
         last = std::min(last + kStretchAdvance, n);
     }
+}
+
+IndexSorter::~IndexSorter()
+{
+    if (!thread_.joinable())
+        return;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        done_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+}
+
+void IndexSorter::publish(size_t count)
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        final_ = count;
+    }
+    if (thread_.joinable())
+        changed_.notify_all();
+    else if (count > kWholeSortLimit + kStretchAdvance)
+        thread_ = std::thread([this] { run(); });
+}
+
+std::unique_lock<std::mutex> IndexSorter::pause()
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    ++pauses_;
+    changed_.wait(lock, [&] { return !sorting_; });
+    --pauses_;
+    return lock;
+}
+
+void IndexSorter::run()
+{
+    // The stretches of sortItems for an index of more than kWholeSortLimit
+    // entries, which this one has: [first, last), each sorted once
+    // published, up to the last whose end is not yet known.
+    size_t first = 0;
+    size_t last = kFirstStretch;
+    std::vector<ORBItem> scratch;
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+        changed_.wait(lock, [&] { return done_ || (pauses_ == 0 && final_ >= last); });
+        if (done_)
+            return;
+        sorting_ = true;
+        ORBItem* const data = index_.items.data();
+        lock.unlock();
+        orbsort::sortNearlyOrdered(data + first, data + last, ByTime(), SameInstant(), scratch);
+        lock.lock();
+        sorting_ = false;
+        sortedTo_ = last;
+        changed_.notify_all();
+        first = last - kStretchOverlap;
+        last += kStretchAdvance;
+    }
+}
+
+void IndexSorter::finish()
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        done_ = true;
+    }
+    changed_.notify_all();
+    if (thread_.joinable())
+        thread_.join();
+    const size_t sorted = sortedTo_;
+    const size_t n = index_.items.size();
+    if (sorted == 0)
+        index_.sortItems();
+    else if (sorted < n)
+        index_.sortStretchesFrom(sorted - kStretchOverlap, std::min(sorted + kStretchAdvance, n));
 }
 
 int ItemIndex::findIndex(unsigned int key, int low, int high) const

@@ -3,7 +3,11 @@
 #ifndef ORBAPI_ITEMINDEX_H
 #define ORBAPI_ITEMINDEX_H
 
+#include <condition_variable>
+#include <cstddef>
 #include <memory>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 #include "ORBItem.h"
@@ -20,6 +24,47 @@ public:
 
     std::vector<ORBItem> items;
     std::vector<std::unique_ptr<Recording>> recordings;
+
+private:
+    friend class IndexSorter;
+    // Sorts the stretch [first, last) and the ones after it up to the end.
+    void sortStretchesFrom(size_t first, size_t last);
+};
+
+// sortItems on a second thread while the index is being built: each of the
+// stretches that sortItems sorts is sorted as soon as its entries are all
+// there and final, so that the order is the one sortItems gives, and little
+// of it is left to do once the last entry is in.
+class IndexSorter {
+public:
+    explicit IndexSorter(ItemIndex& index) : index_(index) {}
+    // Stops the thread (an index left half sorted is the caller's to drop).
+    ~IndexSorter();
+    IndexSorter(const IndexSorter&) = delete;
+    IndexSorter& operator=(const IndexSorter&) = delete;
+
+    // The entries before `count` will not change any more, nor will the
+    // records their recording items point to.  Starts the thread once there
+    // are enough of them to be sorted in stretches.
+    void publish(size_t count);
+    // Holds the thread off the entries while the index is reallocated: the
+    // caller grows it while the returned lock lives.
+    std::unique_lock<std::mutex> pause();
+    // The index is complete: sorts what is left, as sortItems would.
+    void finish();
+
+private:
+    void run();
+
+    ItemIndex& index_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    size_t final_ = 0;      // entries published as final
+    bool done_ = false;     // no more entries will come
+    bool sorting_ = false;  // the thread is inside a stretch
+    int pauses_ = 0;        // reallocations waiting or under way
+    size_t sortedTo_ = 0;   // last entry (exclusive) of the last stretch sorted; 0 none
+    std::thread thread_;
 };
 
 #endif

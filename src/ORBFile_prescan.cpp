@@ -63,9 +63,15 @@ ORBItem makeRecordingItem(Recording* rec)
 struct PairSlot {
     Recording* samples = nullptr;
     uint64_t samplesKey = 0;
+    size_t samplesAt = 0; // index position of its recording item
     Recording* events = nullptr;
     uint64_t eventsKey = 0;
+    size_t eventsAt = 0;
 };
+
+// The scan tells the index sorter how far the index is final every so many
+// entries.
+constexpr size_t kPublishEvery = 4096;
 
 // Eye byte of a block: the sample block's flag word has the left eye in
 // bit 15 and the right in bit 14, the event block's second flag word the
@@ -88,7 +94,7 @@ int64_t truncatedClamp(double v, int64_t limit)
 
 class PreScanner {
 public:
-    PreScanner(ORBFile& file, bool tolerant) : f_(file), tolerant_(tolerant)
+    PreScanner(ORBFile& file, bool tolerant) : f_(file), tolerant_(tolerant), sorter_(file)
     {
         event_.file = &file;
     }
@@ -104,6 +110,9 @@ private:
         f_.items.push_back(item);
     }
     void grow(uint64_t extra);
+    // The entries that will not change any more: all but those from the
+    // first recording item whose record still waits for its partner.
+    size_t finalEntries() const;
 
     // Returns false when the scan ends here (tolerant mode).
     bool scanSample(int32_t position, uint16_t header);
@@ -127,6 +136,7 @@ private:
     PairSlot slots_[2]; // block starts, block ends
 
     uint64_t streamBytes_ = 0; // size of the item stream's file; 0 unknown
+    IndexSorter sorter_;
 };
 
 void PreScanner::reserveIndex()
@@ -157,13 +167,31 @@ void PreScanner::grow(uint64_t extra)
         want = std::max(want, have + extra + uint64_t(rest * 1.0625) + 1024);
     }
     want = std::max(std::min(want, kMaxReservedEntries), have + extra);
+    const auto paused = sorter_.pause();
     f_.items.reserve(size_t(want));
+}
+
+size_t PreScanner::finalEntries() const
+{
+    size_t n = f_.items.size();
+    for (const PairSlot& slot : slots_) {
+        if (slot.samples)
+            n = std::min(n, slot.samplesAt);
+        if (slot.events)
+            n = std::min(n, slot.eventsAt);
+    }
+    return n;
 }
 
 void PreScanner::run()
 {
     reserveIndex();
+    size_t nextPublish = kPublishEvery;
     for (;;) {
+        if (f_.items.size() >= nextPublish) {
+            sorter_.publish(finalEntries());
+            nextPublish = f_.items.size() + kPublishEvery;
+        }
         int kind;
         try {
             kind = f_.next_combfile_item(nullptr);
@@ -185,7 +213,7 @@ void PreScanner::run()
         if (!more)
             break;
     }
-    f_.sortItems();
+    sorter_.finish();
 }
 
 bool PreScanner::scanSample(int32_t position, uint16_t header)
@@ -409,6 +437,8 @@ Recording* PreScanner::pairBlock(unsigned code, const FEVENT& fe)
         return nullptr;
     }
 
+    // A block of its own: its recording item goes in next.
+    (samplesSide ? slot.samplesAt : slot.eventsAt) = f_.items.size();
     f_.recordings.push_back(std::move(r));
     if (start)
         period_ = kNoPeriod;

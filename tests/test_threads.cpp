@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "ItemIndex.h"
 #include "Recordings.h"
 #include "orbapi.h"
 
@@ -114,4 +115,75 @@ TEST(Threads, EachThreadKeepsItsOwnLastError)
         EXPECT_EQ(seenByBad, badReason);
         EXPECT_EQ(seenByGood, "");
     }
+}
+
+// The index of a large recording is sorted in stretches on a second thread
+// while it is being built, and reallocated under it: the order must be the
+// one sorting it afterwards gives, ties between events and samples of one
+// instant included.
+TEST(Threads, IndexSortedWhileBuiltIsSortedAsAfterwards)
+{
+    std::vector<std::unique_ptr<Recording>> blocks;
+    std::vector<ORBItem> entries;
+    auto add = [&](uint16_t type, uint64_t key) {
+        ORBItem e{};
+        e.position = int32_t(entries.size() + 1);
+        e.type = type;
+        e.timeKey = key;
+        entries.push_back(e);
+    };
+    auto addBlock = [&](uint8_t state, uint64_t key) {
+        blocks.push_back(std::make_unique<Recording>());
+        blocks.back()->state = state;
+        blocks.back()->orderKey = key;
+        ORBItem e{};
+        e.type = RECORDING;
+        e.rec = blocks.back().get();
+        entries.push_back(e);
+    };
+    for (uint64_t t = 0; t < 90000; ++t) {
+        if (t % 30000 == 0)
+            addBlock(1, 2 * t);
+        add(SAMPLE, 2 * t);
+        // Events of an instant written a few samples after it, one message
+        // at the instant of a saccade end, and the end of a block.
+        if (t % 50 == 7) {
+            add(ESACC | kEyeMarkerLeft, 2 * (t - 4));
+            add(MESSAGE, 2 * (t - 4));
+            add(SFIX | kEyeMarkerLeft, 2 * (t - 3));
+        }
+        if (t % 30000 == 29999)
+            addBlock(0, 2 * t);
+    }
+
+    ItemIndex reference;
+    reference.items = entries;
+    reference.sortItems();
+
+    ItemIndex built;
+    {
+        IndexSorter sorter(built);
+        built.items.reserve(1000);
+        for (size_t i = 0; i < entries.size(); ++i) {
+            if (built.items.size() == built.items.capacity()) {
+                const auto paused = sorter.pause();
+                built.items.reserve(built.items.capacity() * 3 / 2);
+            }
+            built.items.push_back(entries[i]);
+            if (i % 1000 == 999)
+                sorter.publish(built.items.size());
+        }
+        sorter.finish();
+    }
+    ASSERT_EQ(built.items.size(), reference.items.size());
+    EXPECT_EQ(std::memcmp(built.items.data(), reference.items.data(), entries.size() * sizeof(ORBItem)), 0);
+
+    // A sorter stopped before it finishes leaves the index to its owner.
+    ItemIndex dropped;
+    {
+        IndexSorter sorter(dropped);
+        dropped.items = entries;
+        sorter.publish(dropped.items.size());
+    }
+    EXPECT_EQ(dropped.items.size(), entries.size());
 }
