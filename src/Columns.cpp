@@ -10,6 +10,20 @@
 
 namespace columns {
 
+size_t sourceSize(Source source)
+{
+    switch (source) {
+    case kFromSample: return sizeof(FSAMPLE);
+    case kFromEvent: return sizeof(FEVENT);
+    case kFromBlock: return sizeof(Recording);
+    case kFromCamera: return sizeof(CameraRow);
+    case kFromPlace: return sizeof(PlaceRow);
+    case kFromText: return sizeof(TextRow);
+    case kFromTrial: return sizeof(TrialRow);
+    default: return 0;
+    }
+}
+
 size_t typeSize(int type)
 {
     switch (type) {
@@ -97,6 +111,7 @@ void Table::allocate(size_t capacity)
         total += span(c);
     storage_ = Storage(total);
     groups_.clear();
+    stages_.clear();
     unsigned char* at = storage_.data();
     for (Column& c : columns_) {
         c.data = capacity ? at : nullptr;
@@ -104,20 +119,47 @@ void Table::allocate(size_t capacity)
         auto g = std::find_if(groups_.begin(), groups_.end(),
                               [&](const Group& x) { return x.source == c.source && x.size == c.size; });
         if (g == groups_.end())
-            g = groups_.insert(groups_.end(), Group{c.source, c.size, {}, false, 0, {}});
+            g = groups_.insert(groups_.end(), Group{c.source, c.size, {}});
         g->copies.push_back(Copy{c.data, c.offset});
-    }
-    for (Group& g : groups_) {
-        g.first = g.copies.front().offset;
-        g.contiguous = true;
-        g.run.clear();
-        for (size_t i = 0; i < g.copies.size(); ++i) {
-            g.contiguous = g.contiguous && g.copies[i].offset == g.first + i * g.size;
-            g.run.push_back(g.copies[i].to);
+        if (std::none_of(stages_.begin(), stages_.end(), [&](const Stage& st) { return st.source == c.source; })) {
+            const size_t size = sourceSize(c.source);
+            stages_.push_back(Stage{c.source, size, std::make_unique<unsigned char[]>(kStageRows * size)});
         }
     }
     capacity_ = capacity;
     rows_ = 0;
+    pending_ = 0;
+}
+
+template <size_t N>
+void Table::write(const Group& g, const Stage& st)
+{
+    const size_t n = pending_;
+    const size_t stride = st.size;
+    for (const Copy& c : g.copies) {
+        const unsigned char* from = st.rows.get() + c.offset;
+        unsigned char* to = c.to + rows_ * N;
+#pragma GCC unroll 8
+        for (size_t r = 0; r < n; ++r)
+            __builtin_memcpy(to + r * N, from + r * stride, N);
+    }
+}
+
+void Table::flush()
+{
+    if (pending_ == 0)
+        return;
+    for (const Group& g : groups_) {
+        const Stage& st = *std::find_if(stages_.begin(), stages_.end(), [&](const Stage& x) { return x.source == g.source; });
+        switch (g.size) {
+        case 4: write<4>(g, st); break;
+        case 2: write<2>(g, st); break;
+        case 1: write<1>(g, st); break;
+        default: write<8>(g, st); break;
+        }
+    }
+    rows_ += pending_;
+    pending_ = 0;
 }
 
 bool Table::prefault(size_t from, size_t to) const

@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -71,6 +72,8 @@ struct TrialRow {
 
 // Bytes of one element of a column type.
 size_t typeSize(int type);
+// Bytes of a record of a source.
+size_t sourceSize(Source source);
 
 struct Column {
     std::string name;
@@ -119,20 +122,19 @@ public:
     // Allocates every column for `capacity` rows.  Throws std::bad_alloc.
     void allocate(size_t capacity);
     // Appends one row; sources[s] is the record of source s (unused ones
-    // may be null).  At most the allocated capacity.
+    // may be null).  At most the allocated capacity.  Rows are gathered a
+    // few at a time and then written column by column, so that each column
+    // gets a run of values at once: they count in rows() and the columns
+    // only after flush().
     void append(const void* const* sources)
     {
-        for (const Group& g : groups_) {
-            const unsigned char* from = static_cast<const unsigned char*>(sources[g.source]);
-            switch (g.size) {
-            case 4: copy<4>(g, from); break;
-            case 2: copy<2>(g, from); break;
-            case 1: copy<1>(g, from); break;
-            default: copy<8>(g, from); break;
-            }
-        }
-        ++rows_;
+        for (const Stage& st : stages_)
+            std::memcpy(st.rows.get() + pending_ * st.size, sources[st.source], st.size);
+        if (++pending_ == kStageRows)
+            flush();
     }
+    // Writes the gathered rows into the columns.
+    void flush();
 
     // Makes the pages of rows [from, to) of every column present, so that
     // writing them later costs no page faults; safe to call from another
@@ -152,39 +154,28 @@ private:
         unsigned char* to;
         size_t offset;
     };
-    // The copies of the columns of one source and element size.  When the
-    // members lie back to back in the source (as the members of a FSAMPLE
-    // do), `run` holds the first member's offset and the columns' storage
-    // in member order, and a row is copied without looking at offsets.
+    // The copies of the columns of one source and element size.
     struct Group {
         Source source;
         size_t size;
         std::vector<Copy> copies;
-        bool contiguous = false;
-        size_t first = 0;
-        std::vector<unsigned char*> run;
     };
+    // The rows gathered of one source: kStageRows records of `size` bytes.
+    struct Stage {
+        Source source;
+        size_t size;
+        std::unique_ptr<unsigned char[]> rows;
+    };
+    static constexpr size_t kStageRows = 64;
 
     template <size_t N>
-    void copy(const Group& g, const unsigned char* from)
-    {
-        const size_t at = rows_ * N;
-        if (g.contiguous) {
-            const unsigned char* member = from + g.first;
-            unsigned char* const* to = g.run.data();
-            const size_t n = g.run.size();
-#pragma GCC unroll 8
-            for (size_t i = 0; i < n; ++i, member += N)
-                __builtin_memcpy(to[i] + at, member, N);
-            return;
-        }
-        for (const Copy& c : g.copies)
-            __builtin_memcpy(c.to + at, from + c.offset, N);
-    }
+    void write(const Group& g, const Stage& st);
 
     std::vector<Column> columns_;
     Storage storage_;
     std::vector<Group> groups_;
+    std::vector<Stage> stages_;
+    size_t pending_ = 0; // rows gathered, not yet written
     size_t rows_ = 0;
     size_t capacity_ = 0;
 };

@@ -142,6 +142,8 @@ std::unique_ptr<ORB_COLUMNS> ColumnReader::run()
         walk();
     }
     addTrials();
+    for (Table& t : c_->tables)
+        t.flush();
     c_->items = f_.items.size();
     if (f_.preambleText)
         c_->preamble.assign(f_.preambleText.get(), size_t(f_.preambleLength));
