@@ -579,6 +579,7 @@ int ItemDecoder::read_combfile_event_noexcept(EData* event)
         fe.peakPupil = 1.0f;
         fourthScale = 1.0f;
     }
+    blockSelfContained = trackerRevision == 0 || fe.endTime != 0;
     if (trackerRevision == 0) {
         // Trackers of revision 0 record at 250 Hz in one fixed mode.
         sampleRate = 250.0f;

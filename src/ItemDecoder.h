@@ -66,6 +66,9 @@ public:
     uint16_t eventBlockWord2 = 0;
     ORB_MESSAGE message{};     // shared by every message of this file
     uint16_t pendingTag = 0;   // tag read but not yet consumed
+    // Whether the last block start decoded gave the decoder the same state
+    // whatever was decoded before it (it carried its own rate).
+    bool blockSelfContained = false;
     int16_t eventEye = 0;        // eye of the event being decoded
 };
 

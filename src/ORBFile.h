@@ -111,6 +111,9 @@ public:
     // keep the slot of the last one in *slot (-1 at first): the next is
     // then found without a search when it follows in the queue.
     Sample* queuedSample(int index, bool velocities, int* slot = nullptr);
+    // Whether a sample handed out now lies in a recording block; logs the
+    // warning for one that does not.
+    bool inBlock(const Sample& s) const;
     ALLF_DATA* getFloatData();
     void resetPosition(const ORBItem* item);
     int gotoIndex(int index);
@@ -163,6 +166,21 @@ public:
     // [eye][slot] with slots kPairSaccStart .. kPairFixEnd.
     enum { kPairSaccStart, kPairSaccEnd, kPairBlinkStart, kPairBlinkEnd, kPairFixStart, kPairFixEnd };
     uint32_t eventPairs[2][6];
+
+    // What the pre-scan saw of the item stream, for readers that take the
+    // samples in stream order (see the columnar reader).
+    struct ScanFacts {
+        uint64_t samples = 0;      // samples indexed (placeholders not counted)
+        uint64_t pupilGroups = 0;  // of them, samples with pupil sizes
+        uint64_t blockStarts = 0;  // block starts decoded, indexed or not
+        // Every block start carried its own rate and the same gaze and
+        // pupil scales, and a block start came before the first sample: so
+        // every sample decodes with those scales whatever order the items
+        // are decoded in, once any block start has been.
+        bool uniformBlocks = true;
+        float gazeDivisor = 0.0f;
+        float secondScale = 0.0f;
+    } scanFacts;
 
     // Trials and bookmarks.
     std::vector<ORBTrial> trials;

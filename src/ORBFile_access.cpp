@@ -115,12 +115,17 @@ Sample* ORBFile::queuedSample(int index, bool velocities, int* slot)
     }
     if (!s) // no sample carries this entry's key: the stream and the index disagree here
         return nullptr;
-    if (!currentRecording)
-        orb_log("WARNING: ORB FILE MAY BE CORRUPTED. Samples %ld found without start recording \n",
-                long(s->fs.time));
-    else if (velocities)
+    if (inBlock(*s) && velocities)
         queue->setVelocity(s, roundedRate(currentRecording->sampleRate));
     return s;
+}
+
+bool ORBFile::inBlock(const Sample& s) const
+{
+    if (currentRecording)
+        return true;
+    orb_log("WARNING: ORB FILE MAY BE CORRUPTED. Samples %ld found without start recording \n", long(s.fs.time));
+    return false;
 }
 
 void finishSample(FSAMPLE& fs, const ORBItem& item)

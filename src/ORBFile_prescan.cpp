@@ -122,6 +122,7 @@ private:
     // own (it then needs a recording item), null when it merged.
     Recording* pairBlock(unsigned code, const FEVENT& fe);
     void clearExtraDataFlagOfOpenBlock();
+    void noteBlockStart();
 
     ORBFile& f_;
     const bool tolerant_;
@@ -226,8 +227,13 @@ bool PreScanner::scanSample(int32_t position, uint16_t header)
         return false;
     }
     sampleDecoded_ = true;
+    if (f_.scanFacts.blockStarts == 0)
+        f_.scanFacts.uniformBlocks = false;
     if (!f_.loadSamples)
         return true;
+    ++f_.scanFacts.samples;
+    if (sample_.fs.flags & kPupilGroup)
+        ++f_.scanFacts.pupilGroups;
 
     const uint64_t t = sample_.fs.time;
     // A second sample within one millisecond (2000 Hz) sits half a
@@ -303,6 +309,8 @@ bool PreScanner::scanEvent(int32_t position, uint16_t header)
     }
     const FEVENT& fe = event_.fe;
     const unsigned c = fe.type;
+    if (c == SSAMPLES || c == SEVENTS)
+        noteBlockStart();
     if (tolerant_ && c == 0) {
         orb_log("Unexpected event type tag 0. Skipping event \n");
         return true;
@@ -362,6 +370,18 @@ bool PreScanner::scanEvent(int32_t position, uint16_t header)
         append(makeRecordingItem(block));
     append(makeItem(position, type, header, key));
     return true;
+}
+
+void PreScanner::noteBlockStart()
+{
+    ORBFile::ScanFacts& facts = f_.scanFacts;
+    auto same = [](float a, float b) { return std::memcmp(&a, &b, sizeof a) == 0; };
+    if (facts.blockStarts++ == 0) {
+        facts.gazeDivisor = f_.gazeDivisor;
+        facts.secondScale = f_.secondScale;
+    }
+    if (!f_.blockSelfContained || !same(facts.gazeDivisor, f_.gazeDivisor) || !same(facts.secondScale, f_.secondScale))
+        facts.uniformBlocks = false;
 }
 
 // A block whose last sample carries an extra-data block of kind 15 does not

@@ -21,7 +21,6 @@
 namespace {
 
 constexpr int kShiftBy = 128;        // entries dropped by one shift
-constexpr float kCarriedPupilStart = 1000.0f;
 
 inline bool present(float v) { return v != kMissingValue; }
 

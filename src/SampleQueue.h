@@ -30,6 +30,9 @@ public:
     // Later slots have fewer than 64 successors: a sample found there is
     // handed out only after the queue has read on.
     static constexpr int kLastCentredSlot = 447;
+    // The pupil sizes a sample without them takes before any sample had
+    // them.
+    static constexpr float kCarriedPupilStart = 1000.0f;
 
     explicit SampleQueue(SampleSource* source);
 

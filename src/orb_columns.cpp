@@ -19,6 +19,7 @@
 
 #include "Columns.h"
 #include "ORBException.h"
+#include "ItemFormat.h"
 #include "ORBFile.h"
 #include "log.h"
 
@@ -123,6 +124,11 @@ private:
     // The trial whose index span holds index, or -1; indexes come in
     // increasing order.
     int32_t trialOf(size_t index);
+    bool samplesInStreamOrder() const;
+    // The sample of index entry `index` as the cursor hands it out before
+    // its repairs, decoded straight from the stream (samplesInStreamOrder
+    // holds): false when the cursor hands out nothing.
+    bool decodeSample(size_t index, FSAMPLE& fs);
 
     ORBFile& f_;
     const int flags_;
@@ -186,6 +192,60 @@ int32_t ColumnReader::trialOf(size_t index)
     return -1;
 }
 
+// Whether the samples can be decoded from the stream one by one in index
+// order, with the values the cursor takes from its sample queue, instead of
+// through the queue.  So they can when the queue would hold just the
+// stream's samples in stream order and decode each with the same state:
+//  - the index holds every sample of the stream once, in stream order,
+//    under strictly increasing keys (no placeholders, none dropped, none
+//    filed under another key);
+//  - every sample carries pupil sizes, or none does (the queue's carried
+//    sizes then never differ from their starting ones);
+//  - every block start sets the same scales whatever came before it, and
+//    one is read before the first sample (the decoder's state at a sample
+//    is then the same whichever items it decoded last).
+// Velocities need the queue, which holds a sample's neighbours.
+bool ColumnReader::samplesInStreamOrder() const
+{
+    const ORBFile::ScanFacts& facts = f_.scanFacts;
+    if ((flags_ & ORB_COLUMNS_VELOCITIES) || !facts.uniformBlocks || facts.blockStarts == 0 ||
+        (facts.pupilGroups != 0 && facts.pupilGroups != facts.samples))
+        return false;
+    uint64_t samples = 0;
+    int64_t lastPosition = -1;
+    uint64_t lastKey = 0;
+    bool blockStarted = false;
+    for (const ORBItem& item : f_.items) {
+        const unsigned code = item.code();
+        blockStarted = blockStarted || code == SSAMPLES || code == SEVENTS;
+        if (code != SAMPLE)
+            continue;
+        if (!blockStarted || item.position <= lastPosition || (samples > 0 && item.key() <= lastKey))
+            return false;
+        lastPosition = item.position;
+        lastKey = item.key();
+        ++samples;
+    }
+    return samples == facts.samples;
+}
+
+bool ColumnReader::decodeSample(size_t index, FSAMPLE& fs)
+{
+    const ORBItem& item = f_.items[index];
+    Sample s;
+    f_.resetPosition(&item);
+    if (f_.read_combfile_sample(&s, unsigned(item.key() >> 1), 0) < 0) {
+        orb_log("Read error \n");
+        return false;
+    }
+    // As the queue's carry gives them, every sample or none having them.
+    if (!(s.fs.flags & kPupilGroup))
+        s.fs.pupilSize[0] = s.fs.pupilSize[1] = SampleQueue::kCarriedPupilStart;
+    f_.inBlock(s);
+    fs = s.fs;
+    return true;
+}
+
 void ColumnReader::walk()
 {
     _ORBFILE* const handle = reinterpret_cast<_ORBFILE*>(&f_);
@@ -204,6 +264,7 @@ void ColumnReader::walk()
     sources[kFromCamera] = &cam;
 
     const bool velocities = flags_ & ORB_COLUMNS_VELOCITIES;
+    const bool direct = samplesInStreamOrder();
     int32_t block = -1;     // the block the rows lie in
     int32_t nextBlock = 0;  // the number of the next block start
     FSAMPLE fs;
@@ -219,12 +280,17 @@ void ColumnReader::walk()
             // the queue, velocities only when they are wanted.
             const ORBItem& item = f_.items[index];
             try {
-                const Sample* s = f_.queuedSample(int(index), velocities, &slot);
-                if (!s) {
-                    orb_log("Read error \n");
-                    continue;
+                if (direct) {
+                    if (!decodeSample(index, fs))
+                        continue;
+                } else {
+                    const Sample* s = f_.queuedSample(int(index), velocities, &slot);
+                    if (!s) {
+                        orb_log("Read error \n");
+                        continue;
+                    }
+                    fs = s->fs;
                 }
-                fs = s->fs;
             } catch (const ORBException& e) {
                 orb_log("Error %s \n", e.what());
                 continue;

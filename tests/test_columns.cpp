@@ -458,19 +458,23 @@ void expectColumnsMatchCursor(const std::string& path, const ReadArgs& a)
 }
 
 // The open arguments that change what is read: each consistency mode, the
-// time adjustment off, and events or samples left out.
+// time adjustment off, and events or samples left out; each with and
+// without velocities (the reader takes the samples another way without).
 void expectEveryReadMatchesCursor(const std::string& path, int tolerant = 0)
 {
     const int args[][3] = {{0, 1, 1}, {1, 1, 1}, {2, 1, 1}, {10, 1, 1}, {2, 0, 1}, {0, 1, 0}};
-    for (const auto& [consistency, events, samples] : args) {
-        SCOPED_TRACE("consistency " + std::to_string(consistency | tolerant) + " events " +
-                     std::to_string(events) + " samples " + std::to_string(samples));
-        ReadArgs a;
-        a.consistency = consistency | tolerant;
-        a.events = events;
-        a.samples = samples;
-        expectColumnsMatchCursor(path, a);
-    }
+    for (const auto& [consistency, events, samples] : args)
+        for (int flags : {ORB_COLUMNS_VELOCITIES | ORB_COLUMNS_CAMERA, ORB_COLUMNS_CAMERA}) {
+            SCOPED_TRACE("consistency " + std::to_string(consistency | tolerant) + " events " +
+                         std::to_string(events) + " samples " + std::to_string(samples) + " flags " +
+                         std::to_string(flags));
+            ReadArgs a;
+            a.consistency = consistency | tolerant;
+            a.events = events;
+            a.samples = samples;
+            a.flags = flags;
+            expectColumnsMatchCursor(path, a);
+        }
 }
 
 void quiet(char*) {}
@@ -679,4 +683,90 @@ TEST_F(Columns, FromMemoryAsFromTheFile)
               nullptr);
     EXPECT_EQ(err, -1);
     EXPECT_STREQ(orb_get_last_error(), "Bad magic.  Corrupt orb file. \n\n");
+}
+
+// The samples of most recordings are decoded straight from the stream, in
+// index order, instead of through the cursor's sample queue.  Recordings
+// where the two could part: pupil sizes carried over a gap, blocks with
+// different scales, a block start written after its first samples, samples
+// before any block, steps instead of full times, three samples in one
+// millisecond, and a block start without its rate.
+TEST_F(Columns, SamplesStraightFromTheStreamOnlyWhereTheQueueWouldAgree)
+{
+    auto stepped = [](uint8_t step, uint16_t more = 0) {
+        SampleItem s = sampleAt(0, more);
+        s.flags = uint16_t(s.flags & ~kFullTime);
+        s.step = step;
+        return s;
+    };
+    auto withPupils = [](SampleItem s) {
+        s.flags = uint16_t(s.flags | kPupilGroup);
+        s.pupil[0] = int16_t(s.time % 700 + 100);
+        s.pupil[1] = 450;
+        return s;
+    };
+    std::vector<std::pair<std::string, OrbWriter>> cases;
+    {
+        OrbWriter w; // pupil sizes on some samples only, a dropout between
+        startBlock(w, 1000);
+        for (uint32_t t = 1000; t < 1300; ++t) w.add(withPupils(sampleAt(t)));
+        addSampleRun(w, 1320, 1700);
+        w.add(withPupils(sampleAt(1701)));
+        endBlock(w, 1702);
+        cases.emplace_back("pupils on some samples", w);
+    }
+    {
+        OrbWriter w; // two blocks with different scales
+        addBlock(w, 1000, 900, 1000.0);
+        startBlock(w, 2500);
+        addSampleRun(w, 2500, 3200);
+        endBlock(w, 3201);
+        cases.emplace_back("blocks with different scales", w);
+    }
+    {
+        OrbWriter w; // a second block whose start is written after its first samples
+        addBlock(w, 1000, 700, 1000.0);
+        addSampleRun(w, 1800, 1805);
+        startBlock(w, 1800);
+        addSampleRun(w, 1806, 2400);
+        endBlock(w, 2401);
+        cases.emplace_back("block start written late", w);
+    }
+    {
+        OrbWriter w; // samples before any block, then blocks of one scale
+        addSampleRun(w, 900, 950);
+        startBlock(w, 1000);
+        addSampleRun(w, 1000, 1600);
+        endBlock(w, 1601);
+        cases.emplace_back("samples before any block", w);
+    }
+    {
+        OrbWriter w; // time steps, a step of two, three samples in one millisecond
+        startBlock(w, 1000);
+        w.add(sampleAt(1000));
+        for (int i = 0; i < 600; ++i) w.add(stepped(i == 300 ? 2 : 1));
+        w.add(stepped(0));
+        w.add(stepped(0));
+        for (int i = 0; i < 300; ++i) w.add(stepped(1));
+        endBlock(w, 2000);
+        cases.emplace_back("steps and three samples in a millisecond", w);
+    }
+    {
+        OrbWriter w; // the second block start carries no rate: the rate of the first decides
+        startBlock(w, 1000, 500.0);
+        addSampleRun(w, 1000, 1400);
+        endBlock(w, 1401);
+        EventItem noRate = blockStart(SSAMPLES, 2000, 0.0, kSampleItem | kBothEyes | kGazeGroup, 1);
+        w.add(noRate);
+        w.add(blockStart(SEVENTS, 2000, 500.0, 0, 1, 10, 0x0312, kEventBlockBothEyes));
+        addSampleRun(w, 2000, 2600);
+        endBlock(w, 2601);
+        cases.emplace_back("block start without its rate", w);
+    }
+    for (auto& [what, w] : cases) {
+        SCOPED_TRACE(what);
+        const std::string path = w.write();
+        expectEveryReadMatchesCursor(path);
+        expectEveryReadMatchesCursor(path, 4);
+    }
 }
