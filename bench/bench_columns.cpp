@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "BenchSupport.h"
+#include "ItemFormat.h"
 #include "ORBFile.h"
 #include "orbapi.h"
 
@@ -32,8 +33,9 @@ BENCHMARK(BM_FloorReadBytes)->Unit(benchmark::kMillisecond);
 void BM_FloorInflateBody(benchmark::State& state) { inflateBodyOnce(state, files().compressed); }
 BENCHMARK(BM_FloorInflateBody)->Unit(benchmark::kMillisecond);
 
-// Floor: every item of the plain file decoded once, in file order, by the
-// library's decoders, with nothing kept.
+// Every item of the plain file decoded once, in file order, by the
+// library's decoders, with nothing kept (the library's own pass, beside the
+// floor below).
 void BM_FloorDecodeOnce(benchmark::State& state)
 {
     const SyntheticRecording& r = files().plain;
@@ -90,6 +92,148 @@ void BM_FloorDecodeOnce(benchmark::State& state)
     setSampleRate(state, r);
 }
 BENCHMARK(BM_FloorDecodeOnce)->Unit(benchmark::kMillisecond);
+
+// Floor: every item of the plain file decoded once by a straight-line
+// decoder over the item stream in memory, values into one record per item
+// and nothing kept: the least work decoding can be.  Reading the file into
+// memory is not timed (that is the first floor).
+namespace straight {
+
+inline uint32_t be16(const unsigned char*& p)
+{
+    const uint32_t v = (uint32_t(p[0]) << 8) | p[1];
+    p += 2;
+    return v;
+}
+inline uint32_t be32(const unsigned char*& p)
+{
+    const uint32_t v = (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
+    p += 4;
+    return v;
+}
+inline float plain(const unsigned char*& p) { return float(int16_t(be16(p))); }
+inline float scaled(const unsigned char*& p, float divisor)
+{
+    const int w = int16_t(be16(p));
+    return w == -32768 ? 1e8f : float(w) / divisor;
+}
+
+struct Counts {
+    uint64_t samples = 0, events = 0;
+    double check = 0; // keeps the values from being optimised away
+};
+
+Counts decode(const unsigned char* p, const unsigned char* end)
+{
+    Counts n;
+    float divisor = 1.0f;
+    uint32_t last = 0;
+    FSAMPLE s{};
+    while (end - p >= 2) {
+        const uint32_t tag = be16(p);
+        if (tag == 0)
+            break;
+        if (tag & kSampleItem) {
+            last = (tag & kFullTime) ? be32(p) : last + *p++;
+            s.time = last;
+            const bool eye[2] = {(tag & kLeftEye) != 0, (tag & kRightEye) != 0};
+            for (uint16_t group : {kRawGroup, kSecondGroup, kGazeGroup})
+                if (tag & group)
+                    for (int e = 0; e < 2; ++e)
+                        if (eye[e]) {
+                            float* x = group == kRawGroup ? s.rawX : group == kSecondGroup ? s.secondX : s.gazeX;
+                            float* y = group == kRawGroup ? s.rawY : group == kSecondGroup ? s.secondY : s.gazeY;
+                            x[e] = group == kGazeGroup ? scaled(p, divisor) : plain(p);
+                            y[e] = group == kGazeGroup ? scaled(p, divisor) : plain(p);
+                        }
+            if (tag & kResolutionGroup) {
+                s.resolutionX = scaled(p, divisor);
+                s.resolutionY = scaled(p, divisor);
+            }
+            if (tag & kPupilGroup)
+                for (int e = 0; e < 2; ++e)
+                    if (eye[e])
+                        s.pupilSize[e] = plain(p);
+            s.status = (tag & kStatusWord) ? uint16_t(be16(p)) : 0;
+            s.input = (tag & kInputWord) ? uint16_t(be16(p)) : 0;
+            s.buttons = (tag & kButtonsWord) ? uint16_t(be16(p)) : 0;
+            if (tag & kExtraData) {
+                const unsigned words = std::min(*p++ & kExtraCountMask, 8u);
+                for (unsigned i = 0; i < words; ++i)
+                    s.extraData[i] = uint16_t(be16(p));
+            }
+            for (uint16_t list : {kSkipList1, kSkipList2})
+                if (tag & list)
+                    for (unsigned len; (len = *p++) != 0;)
+                        p += 1 + len;
+            ++n.samples;
+            n.check += double(s.gazeX[0]) + s.time;
+            continue;
+        }
+        const unsigned type = (tag >> kEventTypeShift) & kEventTypeMask;
+        const bool blockStart = type == SSAMPLES || type == SEVENTS;
+        FEVENT fe{};
+        for (unsigned code; (code = *p++) != kFieldEnd;) {
+            switch (code) {
+            case kFieldStartTime: fe.startTime = be32(p); break;
+            case kFieldEndTime: fe.endTime = be32(p); break;
+            case kFieldStartScalar:
+                fe.startScalar = plain(p);
+                if (blockStart)
+                    divisor = fe.startScalar;
+                break;
+            case kFieldMessage: {
+                const uint32_t length = be16(p);
+                p += length;
+                break;
+            }
+            case kFieldStartPlain: case kFieldStartPos: case kFieldStartGaze: case kFieldStartRes:
+            case kFieldEndPlain: case kFieldEndPos: case kFieldEndGaze: case kFieldEndRes:
+            case kFieldAvgPlain: case kFieldAvgPos: case kFieldAvgGaze:
+                fe.avgGazeX = scaled(p, divisor);
+                fe.avgGazeY = scaled(p, divisor);
+                break;
+            case kFieldEndScalar: case kFieldStartPupil: case kFieldEndPupil: case kFieldBlockFlags2:
+            case kFieldBlockOption: case kFieldAvgScalar: case kFieldAvgPupil: case kFieldPeakPupil:
+            case kFieldBlockFlags:
+                fe.avgPupil = plain(p);
+                break;
+            default: break;
+            }
+        }
+        ++n.events;
+        n.check += fe.startTime + double(fe.avgGazeX);
+    }
+    return n;
+}
+
+} // namespace straight
+
+void BM_FloorDecodeStraight(benchmark::State& state)
+{
+    const SyntheticRecording& r = files().plain;
+    std::string bytes;
+    {
+        FILE* in = std::fopen(r.path.c_str(), "rb");
+        char buffer[1 << 16];
+        for (size_t got; (got = std::fread(buffer, 1, sizeof buffer, in)) > 0;)
+            bytes.append(buffer, got);
+        std::fclose(in);
+    }
+    const size_t body = bytes.find("ENDP:\n") + 6;
+    const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
+    straight::Counts n;
+    for (auto _ : state) {
+        n = straight::decode(p + body, p + bytes.size());
+        benchmark::DoNotOptimize(n.check);
+    }
+    if (n.samples != r.samples || n.samples + n.events != r.samples + r.events + r.messages + 4 * r.blocks) {
+        state.SkipWithError("not every item was decoded");
+        return;
+    }
+    setSampleRate(state, r);
+}
+BENCHMARK(BM_FloorDecodeStraight)->Unit(benchmark::kMillisecond);
 
 size_t columnBytes(const ORB_COLUMNS* c)
 {

@@ -33,7 +33,7 @@ def generate(path: str, seconds: float) -> str:
     src = os.path.join(ROOT, "bench", "make_synthetic.cpp")
     if not os.path.exists(exe) or os.path.getmtime(exe) < os.path.getmtime(src):
         os.makedirs(os.path.dirname(exe), exist_ok=True)
-        subprocess.run(["g++", "-O2", "-std=c++17", "-I", os.path.join(ROOT, "tests"),
+        subprocess.run(["g++", "-O2", "-std=c++17", "-I", os.path.join(ROOT, "tests"), "-I", os.path.join(ROOT, "src"),
                         "-I", os.path.join(ROOT, "include"), "-I", os.path.join(ROOT, "bench"),
                         src, "-o", exe, "-lz"], check=True)
     out = subprocess.run([exe, path, str(seconds), "1000", "3"], check=True,
