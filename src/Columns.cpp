@@ -8,6 +8,10 @@
 #include <cstddef>
 #include <new>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace columns {
 
 size_t sourceSize(Source source)
@@ -139,6 +143,22 @@ void Table::write(const Group& g, const Stage& st)
     for (const Copy& c : g.copies) {
         const unsigned char* from = st.rows.get() + c.offset;
         unsigned char* to = c.to + rows_ * N;
+#if defined(__SSE2__)
+        if (n == kStageRows) {
+            // A whole stage fills whole, aligned cache lines of the column
+            // (columns start on a line, and whole stages go before): its
+            // values are gathered here and streamed to memory without the
+            // lines being read first.
+            alignas(16) unsigned char run[kStageRows * N];
+#pragma GCC unroll 8
+            for (size_t r = 0; r < n; ++r)
+                __builtin_memcpy(run + r * N, from + r * stride, N);
+            for (size_t b = 0; b < sizeof run; b += 16)
+                _mm_stream_si128(reinterpret_cast<__m128i*>(to + b),
+                                 _mm_load_si128(reinterpret_cast<const __m128i*>(run + b)));
+            continue;
+        }
+#endif
 #pragma GCC unroll 8
         for (size_t r = 0; r < n; ++r)
             __builtin_memcpy(to + r * N, from + r * stride, N);
@@ -158,6 +178,9 @@ void Table::flush()
         default: write<8>(g, st); break;
         }
     }
+#if defined(__SSE2__)
+    _mm_sfence(); // the streamed lines are in memory before anyone reads them
+#endif
     rows_ += pending_;
     pending_ = 0;
 }
