@@ -137,6 +137,7 @@ private:
     std::unique_ptr<ORB_COLUMNS> c_;
     std::unordered_map<const Recording*, int32_t> blockOf_;
     size_t trialAt_ = 0;
+    Sample decoded_; // the sample decodeSample decodes into
 };
 
 std::unique_ptr<ORB_COLUMNS> ColumnReader::run()
@@ -232,7 +233,11 @@ bool ColumnReader::samplesInStreamOrder() const
 bool ColumnReader::decodeSample(size_t index, FSAMPLE& fs)
 {
     const ORBItem& item = f_.items[index];
-    Sample s;
+    // Copying a zero record compiles to a few wide stores; zeroing one in
+    // place becomes a slow string instruction.
+    static const FSAMPLE kZero{};
+    Sample& s = decoded_;
+    std::memcpy(static_cast<void*>(&s.fs), &kZero, sizeof s.fs);
     f_.resetPosition(&item);
     if (f_.read_combfile_sample(&s, unsigned(item.key() >> 1), 0) < 0) {
         orb_log("Read error \n");
