@@ -232,6 +232,21 @@ int SampleQueue::setVelocity(Sample* s, int rate)
     using velocity::kCentre;
     Sample* neighbours[velocity::kNeighbours];
     neighbours[kCentre] = s;
+    // A queue without gaps (its keys one step apart from first to last, as
+    // within a block) holds a key exactly where getOldSample's first rule
+    // looks, and no key elsewhere: the lookup is then that rule alone.
+    const int last = count_ - 1;
+    const unsigned long long first = keyOf(0);
+    const int shift = count_ >= 3 ? stepShift(uint32_t(keyOf(1) - first)) : -1;
+    const bool even = shift >= 0 && keyOf(last) - first == (unsigned long long)(last) << shift;
+    auto lookup = [&](unsigned long long k) -> Sample* {
+        if (!even)
+            return getOldSample(k);
+        const unsigned long long offset = k - first;
+        if (k < first || (offset >> shift) > unsigned(last) || (offset & ((1ull << shift) - 1)) != 0)
+            return nullptr;
+        return &at(int(offset >> shift)).sample;
+    };
     // A rate of 0 (or below) has no sample interval: no neighbours then.
     const float interval = rate > 0 ? float(1000.0 / rate) : 0.0f;
     for (int k = 1; k <= h; ++k) {
@@ -240,8 +255,8 @@ int SampleQueue::setVelocity(Sample* s, int rate)
         Sample* after = nullptr;
         if (rate > 0 && distance < 18446744073709551616.0f) {
             const auto d = static_cast<unsigned long long>(distance);
-            before = getOldSample(key - d);
-            after = getOldSample(key + d);
+            before = lookup(key - d);
+            after = lookup(key + d);
         }
         neighbours[kCentre - k] = before;
         neighbours[kCentre + k] = after;
