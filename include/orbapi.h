@@ -37,8 +37,8 @@
  * reads a file.  Within one call the library may use a second thread of its
  * own: opening a large recording sorts its index there while the file is
  * read, a compressed body is inflated there, and orb_read_columns makes the
- * columns' memory ready there.  Such a thread ends before the call returns;
- * of them only the inflating one may call the log function.
+ * columns' memory ready there.  Such a thread serves that call alone; of
+ * them only the inflating one may call the log function.
  *
  * NULL.  Unless a function says otherwise, a NULL handle or a NULL pointer
  * argument is not allowed: the function would crash.  orb_close_file accepts
