@@ -62,12 +62,19 @@ void finishSample(FSAMPLE& fs, const ORBItem& item);
 
 class ORBFile final : public ItemDecoder, public ItemIndex, public SampleSource {
 public:
+    // When the index is sorted: while the pre-scan builds it (on a second
+    // thread, for a large index), or after (the same order, for the tests
+    // that show it).
+    enum class IndexSorting { WhileScanning, AfterScanning };
+
     // Opens path.  options: bits 0-1 consistency mode, bit 2 tolerant
     // pre-scan, bit 3 time adjustment off.  Throws ORBException.
-    ORBFile(const char* path, int options, bool loadEvents, bool loadSamples);
+    ORBFile(const char* path, int options, bool loadEvents, bool loadSamples,
+            IndexSorting sorting = IndexSorting::WhileScanning);
     // The same over `size` bytes at `data`, read in place (they must
     // outlive the file); a compressed body is inflated into memory.
-    ORBFile(const void* data, size_t size, int options, bool loadEvents, bool loadSamples);
+    ORBFile(const void* data, size_t size, int options, bool loadEvents, bool loadSamples,
+            IndexSorting sorting = IndexSorting::WhileScanning);
     ~ORBFile();
 
     ORBFile(const ORBFile&) = delete;
@@ -152,6 +159,7 @@ public:
     bool timeFixupOff = false;
     bool loadEvents = true;
     bool loadSamples = true;
+    IndexSorting indexSorting = IndexSorting::WhileScanning;
 
     // Samples around the cursor.
     std::unique_ptr<SampleQueue> queue;

@@ -39,15 +39,16 @@ bool startsWith(const char* s, const char* prefix)
 
 } // namespace
 
-ORBFile::ORBFile(const char* path, int options, bool loadEvents_, bool loadSamples_)
-    : loadEvents(loadEvents_), loadSamples(loadSamples_)
+ORBFile::ORBFile(const char* path, int options, bool loadEvents_, bool loadSamples_, IndexSorting sorting)
+    : loadEvents(loadEvents_), loadSamples(loadSamples_), indexSorting(sorting)
 {
     setOptions(options);
     open(std::make_unique<FileInputStream>(path));
 }
 
-ORBFile::ORBFile(const void* data, size_t size, int options, bool loadEvents_, bool loadSamples_)
-    : loadEvents(loadEvents_), loadSamples(loadSamples_)
+ORBFile::ORBFile(const void* data, size_t size, int options, bool loadEvents_, bool loadSamples_,
+                 IndexSorting sorting)
+    : loadEvents(loadEvents_), loadSamples(loadSamples_), indexSorting(sorting)
 {
     setOptions(options);
     if (!data && size != 0) {

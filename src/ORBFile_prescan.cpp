@@ -189,7 +189,7 @@ void PreScanner::run()
     reserveIndex();
     size_t nextPublish = kPublishEvery;
     for (;;) {
-        if (f_.items.size() >= nextPublish) {
+        if (f_.items.size() >= nextPublish && f_.indexSorting == ORBFile::IndexSorting::WhileScanning) {
             sorter_.publish(finalEntries());
             nextPublish = f_.items.size() + kPublishEvery;
         }

@@ -7,7 +7,9 @@
 #include <thread>
 #include <vector>
 
+#include "ItemFormat.h"
 #include "ItemIndex.h"
+#include "ORBFile.h"
 #include "Recordings.h"
 #include "orbapi.h"
 
@@ -186,4 +188,62 @@ TEST(Threads, IndexSortedWhileBuiltIsSortedAsAfterwards)
         sorter.publish(dropped.items.size());
     }
     EXPECT_EQ(dropped.items.size(), entries.size());
+}
+
+// A large recording opened with its index sorted while the scan builds it
+// gets the very index it gets sorted afterwards: blocks whose two start
+// markers lie far apart in the file (the block's record changes long after
+// it is indexed), events
+// written after the samples they follow, messages at the instants of other
+// items, and dropouts filled with placeholders under repair (which grow the
+// index past its first estimate); plain and compressed.
+TEST(Threads, LargeIndexSortedWhileScanningAsAfterwards)
+{
+    for (bool compressed : {false, true}) {
+        OrbWriter w;
+        w.compressed = compressed;
+        if (compressed) w.magic = "NORVANE_LAB_HSPDFILE ZIP\n";
+        uint32_t t0 = 10000;
+        for (int b = 0; b < 4; ++b) {
+            // One long block: its partner marker comes long after the
+            // index's thread has sorted past its record.
+            const uint32_t length = b == 1 ? 120000 : 20000;
+            w.add(message(t0 - 5, "TRIALID " + std::to_string(b) + "\n"));
+            w.add(blockStart(SSAMPLES, t0, 1000.0, kSampleItem | kBothEyes | kGazeGroup, 10));
+            for (uint32_t t = t0; t < t0 + length; ++t) {
+                // The event block's start, written long after, lies before
+                // the sample block's: the block then starts there.
+                if (t == t0 + length - 10)
+                    w.add(blockStart(SEVENTS, t0 - 300, 1000.0, 0, 10, 10, 0x0312, kEventBlockBothEyes));
+                if (t % 1000 >= 500 && t % 1000 < 560)
+                    continue; // a dropout
+                w.add(sampleAt(t));
+                if (t % 97 == 0) {
+                    w.add(EventItem(ESACC, 0).start(t - 20).end(t - 4));
+                    w.add(message(t - 4, "at the saccade's end\n"));
+                    w.add(EventItem(SFIX, 0).start(t - 3));
+                }
+            }
+            endBlock(w, t0 + length);
+            t0 += length + 10000;
+        }
+        const std::string path = w.write();
+        for (int consistency : {0, 2}) {
+            SCOPED_TRACE(std::string(compressed ? "compressed" : "plain") + " consistency " + std::to_string(consistency));
+            ORBFile during(path.c_str(), consistency, true, true, ORBFile::IndexSorting::WhileScanning);
+            ORBFile after(path.c_str(), consistency, true, true, ORBFile::IndexSorting::AfterScanning);
+            ASSERT_GT(during.items.size(), 60000u);
+            ASSERT_EQ(during.items.size(), after.items.size());
+            size_t differ = 0;
+            for (size_t i = 0; i < during.items.size(); ++i) {
+                const ORBItem& a = during.items[i];
+                const ORBItem& b = after.items[i];
+                const bool same = a.position == b.position && a.type == b.type && a.headerWord == b.headerWord &&
+                                  a.key() == b.key() &&
+                                  (!a.isRecording() || std::memcmp(a.rec, b.rec, sizeof(Recording)) == 0);
+                differ += same ? 0 : 1;
+            }
+            EXPECT_EQ(differ, 0u);
+        }
+    }
 }
