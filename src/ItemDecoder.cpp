@@ -127,36 +127,24 @@ inline void decodeSampleValues(In& in, unsigned flag, float divisor, FSAMPLE& s)
         s.secondX[e] = s.secondY[e] = kMissingPosition;
         s.gazeX[e] = s.gazeY[e] = kMissingPosition;
     }
-    if (flag & kRawGroup) {
+    // x then y of each recorded eye, the left one first.
+    auto pairs = [&](float* x, float* y, auto word) {
         if (left) {
-            s.rawX[0] = signedWord(in);
-            s.rawY[0] = signedWord(in);
+            x[0] = word();
+            y[0] = word();
         }
         if (right) {
-            s.rawX[1] = signedWord(in);
-            s.rawY[1] = signedWord(in);
+            x[1] = word();
+            y[1] = word();
         }
-    }
-    if (flag & kSecondGroup) {
-        if (left) {
-            s.secondX[0] = signedWord(in);
-            s.secondY[0] = signedWord(in);
-        }
-        if (right) {
-            s.secondX[1] = signedWord(in);
-            s.secondY[1] = signedWord(in);
-        }
-    }
-    if (flag & kGazeGroup) {
-        if (left) {
-            s.gazeX[0] = scaledWord(in, divisor);
-            s.gazeY[0] = scaledWord(in, divisor);
-        }
-        if (right) {
-            s.gazeX[1] = scaledWord(in, divisor);
-            s.gazeY[1] = scaledWord(in, divisor);
-        }
-    }
+    };
+    auto plain = [&] { return signedWord(in); };
+    if (flag & kRawGroup)
+        pairs(s.rawX, s.rawY, plain);
+    if (flag & kSecondGroup)
+        pairs(s.secondX, s.secondY, plain);
+    if (flag & kGazeGroup)
+        pairs(s.gazeX, s.gazeY, [&] { return scaledWord(in, divisor); });
     if (flag & kResolutionGroup) {
         s.resolutionX = scaledWord(in, divisor);
         s.resolutionY = scaledWord(in, divisor);
