@@ -1,8 +1,8 @@
 // Column layouts and storage of ORB_COLUMNS.
 #include "Columns.h"
+#include "Pages.h"
 
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -187,22 +187,13 @@ void Table::flush()
 
 bool Table::prefault(size_t from, size_t to) const
 {
-#ifdef MADV_POPULATE_WRITE
     if (!storage_.mapped() || from >= to)
         return false;
-    const uintptr_t page = uintptr_t(sysconf(_SC_PAGESIZE));
-    for (const Column& c : columns_) {
-        const uintptr_t first = reinterpret_cast<uintptr_t>(c.data + from * c.size) & ~(page - 1);
-        const uintptr_t last = reinterpret_cast<uintptr_t>(c.data + std::min(to, capacity_) * c.size);
-        if (last > first && madvise(reinterpret_cast<void*>(first), last - first, MADV_POPULATE_WRITE) != 0)
+    to = std::min(to, capacity_);
+    for (const Column& c : columns_)
+        if (!pages::makePresent(c.data + from * c.size, c.data + to * c.size))
             return false;
-    }
     return true;
-#else
-    (void)from;
-    (void)to;
-    return false;
-#endif
 }
 
 bool Table::describe(size_t i, ORB_COLUMN* out) const

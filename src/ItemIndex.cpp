@@ -4,6 +4,7 @@
 
 #include "ItemSort.h"
 #include "ItemIndex.h"
+#include "Pages.h"
 
 namespace {
 
@@ -171,6 +172,8 @@ std::unique_lock<std::mutex> IndexSorter::pause()
     ++pauses_;
     changed_.wait(lock, [&] { return !sorting_; });
     --pauses_;
+    if (present_ != ~size_t(0))
+        present_ = 0; // the index moves: its new pages past the entries are fresh
     return lock;
 }
 
@@ -184,11 +187,29 @@ void IndexSorter::run()
     std::vector<ORBItem> scratch;
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-        changed_.wait(lock, [&] { return done_ || (pauses_ == 0 && final_ >= last); });
+        // Between stretches the pages the scan writes next are made
+        // present, up to kPresentAhead entries past the final ones; first
+        // of all when fewer than half of those are.
+        auto pagesToMake = [&] {
+            return std::min(final_ + kPresentAhead, index_.items.capacity()) > std::max(present_, final_);
+        };
+        changed_.wait(lock, [&] { return done_ || (pauses_ == 0 && (final_ >= last || pagesToMake())); });
         if (done_)
             return;
         sorting_ = true;
         ORBItem* const data = index_.items.data();
+        const bool pagesFirst = pagesToMake() && (final_ < last || present_ < final_ + kPresentAhead / 2);
+        if (pagesFirst) {
+            const size_t from = std::max(present_, final_);
+            const size_t to = std::min(final_ + kPresentAhead, index_.items.capacity());
+            lock.unlock();
+            const bool made = pages::makePresent(data + from, data + to);
+            lock.lock();
+            present_ = made ? to : ~size_t(0); // where the system cannot, not again
+            sorting_ = false;
+            changed_.notify_all();
+            continue;
+        }
         lock.unlock();
         orbsort::sortNearlyOrdered(data + first, data + last, ByTime(), SameInstant(), scratch);
         lock.lock();

@@ -34,7 +34,8 @@ private:
 // sortItems on a second thread while the index is being built: each of the
 // stretches that sortItems sorts is sorted as soon as its entries are all
 // there and final, so that the order is the one sortItems gives, and little
-// of it is left to do once the last entry is in.
+// of it is left to do once the last entry is in.  Meanwhile the thread makes
+// the pages of the index's next entries present, ahead of the scan.
 class IndexSorter {
 public:
     explicit IndexSorter(ItemIndex& index) : index_(index) {}
@@ -64,6 +65,8 @@ private:
     bool sorting_ = false;  // the thread is inside a stretch
     int pauses_ = 0;        // reallocations waiting or under way
     size_t sortedTo_ = 0;   // last entry (exclusive) of the last stretch sorted; 0 none
+    size_t present_ = 0;    // entries whose pages are made present; all ones when that fails
+    static constexpr size_t kPresentAhead = size_t(1) << 16;
     std::thread thread_;
 };
 
