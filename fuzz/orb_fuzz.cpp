@@ -1,5 +1,5 @@
 // libFuzzer target: any bytes, opened from memory in every mode and with
-// every exported function called on what opens.  Each input is tried three
+// every exported function called on what opens, then read into columns.  Each input is tried three
 // ways: as it is (a whole file), as the item stream behind a valid magic
 // line and preamble, and as the item stream of a compressed container, so
 // that most of the time goes into the items rather than the magic line.
@@ -48,7 +48,19 @@ void openEveryWay(const unsigned char* data, size_t size, bool all = true)
             orbfuzz::Transcript none(nullptr);
             // What lies past a few thousand items adds time, not code.
             orbfuzz::exercise(f, none, 4096);
+            const size_t items = size_t(orb_get_element_count(f));
             orb_close_file(f);
+            // What opens reads into columns too, samples taken either way;
+            // never more rows than items.
+            for (int flags : {0, ORB_COLUMNS_VELOCITIES | ORB_COLUMNS_CAMERA}) {
+                ORB_COLUMNS* c = orb_read_columns_memory(size ? data : nullptr, size, mode, load[0], load[1], flags,
+                                                         nullptr, nullptr, nullptr, nullptr, &err);
+                if (!c || err != 0 || orb_columns_items(c) != items ||
+                    orb_columns_rows(c, ORB_TABLE_SAMPLES) + orb_columns_rows(c, ORB_TABLE_EVENTS) +
+                            orb_columns_rows(c, ORB_TABLE_BLOCKS) > items)
+                    __builtin_trap();
+                orb_free_columns(c);
+            }
         }
     }
 }

@@ -100,12 +100,14 @@ inline size_t sampleHeadBytes(unsigned flag)
 }
 
 // The whole of a sample without skipped block lists in the stream's
-// window, in place; null when it is not all there.  *size gets its bytes.
-inline const unsigned char* sampleInWindow(const InputStream& in, unsigned flag, size_t* size)
+// window, in place; null when it is not all there.  *size gets its bytes,
+// *head those up to its extra-data type byte.
+inline const unsigned char* sampleInWindow(const InputStream& in, unsigned flag, size_t* size, size_t* head)
 {
     if (flag & (kSkipList1 | kSkipList2))
         return nullptr;
     size_t n = sampleHeadBytes(flag);
+    *head = n;
     const unsigned char* p = in.peek(n);
     if (p && (flag & kExtraData)) {
         n += 2 * std::min(size_t(p[n - 1] & kExtraCountMask), size_t(kExtraWords));
@@ -262,8 +264,8 @@ int ItemDecoder::read_combfile_sample_noexcept(Sample* sample, unsigned int expe
     FSAMPLE& s = sample->fs;
     s.flags = uint16_t(flag);
 
-    size_t size = 0;
-    const unsigned char* bytes = sampleInWindow(in, flag, &size);
+    size_t size = 0, head = 0;
+    const unsigned char* bytes = sampleInWindow(in, flag, &size, &head);
     InPlace at{bytes};
     uint32_t time;
     if (flag & kFullTime) {
@@ -301,8 +303,8 @@ int ItemDecoder::frame_combfile_sample(Sample* sample, int catchErrors)
     const unsigned flag = pendingTag;
     // A sample whose bytes all lie in the stream's window (as good as all
     // of them) is stepped over; anything else takes the decoder's own path.
-    size_t size = 0;
-    const unsigned char* p = (flag & kSampleItem) && stream ? sampleInWindow(*stream, flag, &size) : nullptr;
+    size_t size = 0, head = 0;
+    const unsigned char* p = (flag & kSampleItem) && stream ? sampleInWindow(*stream, flag, &size, &head) : nullptr;
     if (!sample || !p || !ready(*this) || !itemReadingEnabled)
         return read_combfile_sample(sample, 0, catchErrors);
     InPlace at{p};
@@ -315,7 +317,7 @@ int ItemDecoder::frame_combfile_sample(Sample* sample, int catchErrors)
     FSAMPLE& s = sample->fs;
     s.flags = uint16_t(flag);
     s.time = time;
-    s.extraType = int16_t((flag & kExtraData) ? p[sampleHeadBytes(flag) - 1] : kMissingWord);
+    s.extraType = int16_t((flag & kExtraData) ? p[head - 1] : kMissingWord);
     if (earliestSampleTime == 0 || time < earliestSampleTime)
         earliestSampleTime = time;
     if (time > latestSampleTime)
