@@ -186,6 +186,17 @@ inline double highSpeedFast(double l1, double r1, float resolution)
     return (250.0 / resolution) * ((r1 - l1) * 0.5);
 }
 
+// The standard filter's smoothed and fast velocity from the five positions
+// m2 m1 p0 p1 p2.
+inline void standardVelocities(float m2, float m1, float p0, float p1, float p2, float resolution, float rate,
+                               float* smoothed, float* fast)
+{
+    const double two = twoPoint(m1, p0, p1, resolution, rate);
+    *fast = float(two);
+    *smoothed = fivePointUsable(m2, m1, p1, p2) ? float(fivePoint(m2, m1, p1, p2, resolution, rate))
+                                                : float(two);
+}
+
 // Both velocities of one series, as the two filters give them for the
 // full neighbour array.
 inline void velocitiesOf(bool highSpeed, const float* p, float resolution, float rate, float* smoothed,
@@ -202,11 +213,42 @@ inline void velocitiesOf(bool highSpeed, const float* p, float resolution, float
         }
         return;
     }
-    const float m2 = p[c - 2], m1 = p[c - 1], p0 = p[c], p1 = p[c + 1], p2 = p[c + 2];
-    const double two = twoPoint(m1, p0, p1, resolution, rate);
-    *fast = float(two);
-    *smoothed = fivePointUsable(m2, m1, p1, p2) ? float(fivePoint(m2, m1, p1, p2, resolution, rate))
-                                                : float(two);
+    standardVelocities(p[c - 2], p[c - 1], p[c], p[c + 1], p[c + 2], resolution, rate, smoothed, fast);
+}
+
+// The gaze velocities of one eye when the standard filter's five samples
+// are all there with that eye open and none has a second or raw position:
+// the general path then reads nothing else, and this gives what it gives
+// without building the series.  False (nothing written) otherwise.
+bool gazeOnly(const Sample& centre, Sample* const* neighbours, int eye, float rate, float* const (&out)[3][4])
+{
+    const uint16_t eyeBit = sampleEyeBit(eye);
+    float x[5], y[5];
+    uint16_t groups = 0;
+    for (int i = 0; i < 5; ++i) {
+        const Sample* n = neighbours[kCentre - kStandardHalfWidth + i];
+        if (!n)
+            return false;
+        const FSAMPLE& fs = n->fs;
+        const bool open = (fs.flags & eyeBit) && !((fs.flags & kPupilGroup) && fs.pupilSize[eye] <= kClosedPupil);
+        if (!open || (fs.flags & (kSecondGroup | kRawGroup)))
+            return false;
+        groups = uint16_t(groups | fs.flags);
+        const bool gaze = fs.flags & kGazeGroup;
+        x[i] = gaze ? fs.gazeX[eye] : kMissingValue;
+        y[i] = gaze ? fs.gazeY[eye] : kMissingValue;
+    }
+    for (int k = 1; k < 3; ++k)
+        out[k][0][eye] = out[k][1][eye] = out[k][2][eye] = out[k][3][eye] = kMissingValue;
+    float rx = 0.0f;
+    float ry = 0.0f;
+    if (!(groups & kGazeGroup) || !resolutionPair(centre, kGazePosition, x[2], y[2], &rx, &ry)) {
+        out[0][0][eye] = out[0][1][eye] = out[0][2][eye] = out[0][3][eye] = kMissingValue;
+        return true;
+    }
+    standardVelocities(x[0], x[1], x[2], x[3], x[4], rx, rate, &out[0][0][eye], &out[0][2][eye]);
+    standardVelocities(y[0], y[1], y[2], y[3], y[4], ry, rate, &out[0][1][eye], &out[0][3][eye]);
+    return true;
 }
 
 } // namespace
@@ -229,6 +271,8 @@ void fill(Sample& centre, Sample* const* neighbours, bool highSpeed, int rate)
     for (int eye = 0; eye < 2; ++eye) {
         if (!(fs.flags & sampleEyeBit(eye)))
             continue; // an absent eye keeps what it has
+        if (!highSpeed && gazeOnly(*s, neighbours, eye, float(rate), outputs))
+            continue;
         // One series per kind and axis serves the smoothed and the fast
         // velocity alike.
         const uint16_t groups = fillEyeSeries(neighbours, lo, hi, eye, series);
