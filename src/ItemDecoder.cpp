@@ -244,6 +244,14 @@ float ItemDecoder::get_prescaled_word(float divisor)
 // ---------------------------------------------------------------------------
 // Samples
 
+void ItemDecoder::noteSampleTime(uint32_t time)
+{
+    if (earliestSampleTime == 0 || time < earliestSampleTime)
+        earliestSampleTime = time;
+    if (time > latestSampleTime)
+        latestSampleTime = time;
+}
+
 int ItemDecoder::read_combfile_sample_noexcept(Sample* sample, unsigned int expectedTime)
 {
     if (!sample || !ready(*this) || !itemReadingEnabled)
@@ -291,10 +299,7 @@ int ItemDecoder::read_combfile_sample_noexcept(Sample* sample, unsigned int expe
             skipBlockList(in);
     }
 
-    if (earliestSampleTime == 0 || time < earliestSampleTime)
-        earliestSampleTime = time;
-    if (time > latestSampleTime)
-        latestSampleTime = time;
+    noteSampleTime(time);
     return 0;
 }
 
@@ -318,10 +323,7 @@ int ItemDecoder::frame_combfile_sample(Sample* sample, int catchErrors)
     s.flags = uint16_t(flag);
     s.time = time;
     s.extraType = int16_t((flag & kExtraData) ? p[head - 1] : kMissingWord);
-    if (earliestSampleTime == 0 || time < earliestSampleTime)
-        earliestSampleTime = time;
-    if (time > latestSampleTime)
-        latestSampleTime = time;
+    noteSampleTime(time);
     return 0;
 }
 

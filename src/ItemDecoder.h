@@ -39,6 +39,12 @@ public:
     int read_combfile_event(EData* event, int catchErrors);
     float get_prescaled_word(float divisor);
 
+private:
+    // Widens the span of sample times seen by `time`.
+    void noteSampleTime(uint32_t time);
+
+public:
+
     // Stream and preamble.
     std::unique_ptr<InputStream> stream;
     int16_t itemReadingEnabled = 1;

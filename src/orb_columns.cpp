@@ -127,8 +127,8 @@ private:
     bool samplesInStreamOrder() const;
     // The sample of index entry `index` as the cursor hands it out before
     // its repairs, decoded straight from the stream (samplesInStreamOrder
-    // holds): false when the cursor hands out nothing.
-    bool decodeSample(size_t index, FSAMPLE& fs);
+    // holds) into sample_: false when the cursor hands out nothing.
+    bool decodeSample(size_t index);
 
     ORBFile& f_;
     const int flags_;
@@ -137,7 +137,7 @@ private:
     std::unique_ptr<ORB_COLUMNS> c_;
     std::unordered_map<const Recording*, int32_t> blockOf_;
     size_t trialAt_ = 0;
-    Sample decoded_; // the sample decodeSample decodes into
+    Sample sample_; // the sample of the row at hand
 };
 
 std::unique_ptr<ORB_COLUMNS> ColumnReader::run()
@@ -230,13 +230,13 @@ bool ColumnReader::samplesInStreamOrder() const
     return samples == facts.samples;
 }
 
-bool ColumnReader::decodeSample(size_t index, FSAMPLE& fs)
+bool ColumnReader::decodeSample(size_t index)
 {
     const ORBItem& item = f_.items[index];
     // Copying a zero record compiles to a few wide stores; zeroing one in
     // place becomes a slow string instruction.
     static const FSAMPLE kZero{};
-    Sample& s = decoded_;
+    Sample& s = sample_;
     std::memcpy(static_cast<void*>(&s.fs), &kZero, sizeof s.fs);
     f_.resetPosition(&item);
     if (f_.read_combfile_sample(&s, unsigned(item.key() >> 1), 0) < 0) {
@@ -247,7 +247,6 @@ bool ColumnReader::decodeSample(size_t index, FSAMPLE& fs)
     if (!(s.fs.flags & kPupilGroup))
         s.fs.pupilSize[0] = s.fs.pupilSize[1] = SampleQueue::kCarriedPupilStart;
     f_.inBlock(s);
-    fs = s.fs;
     return true;
 }
 
@@ -272,7 +271,7 @@ void ColumnReader::walk()
     const bool direct = samplesInStreamOrder();
     int32_t block = -1;     // the block the rows lie in
     int32_t nextBlock = 0;  // the number of the next block start
-    FSAMPLE fs;
+    FSAMPLE& fs = sample_.fs; // the row's sample, repaired in place
     int slot = -1; // the queue slot of the last sample handed out
     int code;
     while ((code = f_.stepNext()) != NO_MORE_ITEMS) {
@@ -286,7 +285,7 @@ void ColumnReader::walk()
             const ORBItem& item = f_.items[index];
             try {
                 if (direct) {
-                    if (!decodeSample(index, fs))
+                    if (!decodeSample(index))
                         continue;
                 } else {
                     const Sample* s = f_.queuedSample(int(index), velocities, &slot);
