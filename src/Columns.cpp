@@ -75,7 +75,7 @@ Storage::Storage(size_t bytes) : bytes_(bytes)
     if (bytes >= kMapFrom) {
         // Mapped as it is, its pages are made present by the first write to
         // each, or ahead of the writer by Table::prefault.
-        void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
         if (p == MAP_FAILED)
             throw std::bad_alloc();
         data_ = static_cast<unsigned char*>(p);
@@ -133,6 +133,7 @@ void Table::allocate(size_t capacity)
     capacity_ = capacity;
     rows_ = 0;
     pending_ = 0;
+    flushed_.store(0, std::memory_order_relaxed);
 }
 
 template <size_t N>
@@ -183,6 +184,29 @@ void Table::flush()
 #endif
     rows_ += pending_;
     pending_ = 0;
+    flushed_.store(rows_, std::memory_order_relaxed);
+}
+
+void Table::readRow(size_t row, Source source, void* record) const
+{
+    for (const Column& c : columns_)
+        if (c.source == source && row < rows_)
+            std::memcpy(static_cast<unsigned char*>(record) + c.offset, c.data + row * c.size, c.size);
+}
+
+void Table::writeRow(size_t row, Source source, const void* record)
+{
+    for (const Column& c : columns_)
+        if (c.source == source && row < rows_)
+            std::memcpy(c.data + row * c.size, static_cast<const unsigned char*>(record) + c.offset, c.size);
+}
+
+unsigned char* Table::columnData(const char* name) const
+{
+    for (const Column& c : columns_)
+        if (c.name == name)
+            return c.data;
+    return nullptr;
 }
 
 bool Table::prefault(size_t from, size_t to) const

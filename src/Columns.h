@@ -12,6 +12,7 @@
 #ifndef ORBAPI_COLUMNS_H
 #define ORBAPI_COLUMNS_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -86,7 +87,8 @@ struct Column {
 
 // The storage of a table's columns: one block.  A large one is mapped from
 // the system; its pages become present as they are first written, or ahead
-// of the writer (Table::prefault).
+// of the writer (Table::prefault), so that a table may be allocated for far
+// more rows than it gets at the cost of address space only.
 class Storage {
 public:
     Storage() = default;
@@ -135,6 +137,18 @@ public:
     }
     // Writes the gathered rows into the columns.
     void flush();
+    // Whether as many rows are appended as the table can take.
+    bool full() const { return rows_ + pending_ >= capacity_; }
+    // The rows written into the columns so far, as another thread sees
+    // them (a lower bound while rows are appended).
+    size_t flushedRows() const { return flushed_.load(std::memory_order_relaxed); }
+
+    // The values of the written row `row` of the columns from `source`,
+    // into (or from) a record of that source; other members are left.
+    void readRow(size_t row, Source source, void* record) const;
+    void writeRow(size_t row, Source source, const void* record);
+    // The storage of the column `name`, or null.
+    unsigned char* columnData(const char* name) const;
 
     // Makes the pages of rows [from, to) of every column present, so that
     // writing them later costs no page faults; safe to call from another
@@ -177,6 +191,7 @@ private:
     std::vector<Stage> stages_;
     size_t pending_ = 0; // rows gathered, not yet written
     size_t rows_ = 0;
+    std::atomic<size_t> flushed_{0}; // rows_, for another thread
     size_t capacity_ = 0;
 };
 

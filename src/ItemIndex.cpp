@@ -38,6 +38,29 @@ struct SameInstant {
     bool operator()(const ORBItem& a, const ORBItem& b) const { return a.key() == b.key(); }
 };
 
+// Sorts the stretches of a large index one after another.  A recording
+// whose stretch was not in order (entries at one instant that order each
+// other in a circle, say) is mostly so in the next ones too: the shortcut
+// for ranges in order is then left out for a few stretches, which saves its
+// pass and changes nothing of the order.
+class StretchSorter {
+public:
+    void sort(ORBItem* first, ORBItem* last)
+    {
+        if (skip_ > 0) {
+            --skip_;
+            orbsort::introsort(first, last, ByTime());
+        } else if (!orbsort::sortNearlyOrdered(first, last, ByTime(), SameInstant(), scratch_)) {
+            skip_ = kSkipAfterFailure;
+        }
+    }
+
+private:
+    static constexpr int kSkipAfterFailure = 7;
+    std::vector<ORBItem> scratch_;
+    int skip_ = 0;
+};
+
 } // namespace
 
 int ORBItem::getItemType() const
@@ -132,9 +155,9 @@ void ItemIndex::sortItems()
 void ItemIndex::sortStretchesFrom(size_t first, size_t last)
 {
     const size_t n = items.size();
-    std::vector<ORBItem> scratch;
+    StretchSorter sorter;
     for (;;) {
-        orbsort::sortNearlyOrdered(items.data() + first, items.data() + last, ByTime(), SameInstant(), scratch);
+        sorter.sort(items.data() + first, items.data() + last);
         if (last == n)
             break;
         first = last - kStretchOverlap;
@@ -184,7 +207,7 @@ void IndexSorter::run()
     // published, up to the last whose end is not yet known.
     size_t first = 0;
     size_t last = kFirstStretch;
-    std::vector<ORBItem> scratch;
+    StretchSorter sorter;
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
         // Between stretches the pages the scan writes next are made
@@ -211,7 +234,7 @@ void IndexSorter::run()
             continue;
         }
         lock.unlock();
-        orbsort::sortNearlyOrdered(data + first, data + last, ByTime(), SameInstant(), scratch);
+        sorter.sort(data + first, data + last);
         lock.lock();
         sorting_ = false;
         sortedTo_ = last;

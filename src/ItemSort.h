@@ -246,9 +246,9 @@ void introsort(T* first, T* last, Comp comp)
 // groups, such as entries of one instant), that order is the only one any
 // correct sort can give, introsort's included.  Otherwise, or when the
 // range is far from ordered, introsort orders the range itself.
-// `scratch` is reused between calls.
+// `scratch` is reused between calls.  True when the shortcut held.
 template <class T, class Comp, class SameRank>
-void sortNearlyOrdered(T* first, T* last, Comp comp, SameRank sameRank, std::vector<T>& scratch)
+bool sortNearlyOrdered(T* first, T* last, Comp comp, SameRank sameRank, std::vector<T>& scratch)
 {
     constexpr std::ptrdiff_t kLongestRun = 32;
     const std::ptrdiff_t n = last - first;
@@ -286,6 +286,7 @@ void sortNearlyOrdered(T* first, T* last, Comp comp, SameRank sameRank, std::vec
         std::copy(v, v + n, first);
     else
         introsort(first, last, comp);
+    return ordered;
 }
 
 } // namespace orbsort

@@ -60,6 +60,22 @@ int inflateInto(FILE* source, const std::function<bool(const unsigned char*, siz
 // `item`: blink repairs and the half-millisecond flag applied.
 void finishSample(FSAMPLE& fs, const ORBItem& item);
 
+// Receives the samples the pre-scan puts in the index, in stream order, each
+// decoded whole into a record that started out zeroed: a reader that takes
+// every sample in stream order gets them without decoding them again.
+class ScannedSamples {
+public:
+    // The scan is about to start, with about `bytes` of item stream ahead
+    // (a guess for a body still being inflated; -1 when unknown).
+    virtual void begin(int64_t bytes) = 0;
+    // The sample whose body lies at stream position `position`; the record
+    // is the scan's scratch and may be changed.
+    virtual void sample(FSAMPLE& fs, int32_t position) = 0;
+
+protected:
+    ~ScannedSamples() = default;
+};
+
 class ORBFile final : public ItemDecoder, public ItemIndex, public SampleSource {
 public:
     // When the index is sorted: while the pre-scan builds it (on a second
@@ -68,13 +84,15 @@ public:
     enum class IndexSorting { WhileScanning, AfterScanning };
 
     // Opens path.  options: bits 0-1 consistency mode, bit 2 tolerant
-    // pre-scan, bit 3 time adjustment off.  Throws ORBException.
+    // pre-scan, bit 3 time adjustment off.  A `scanned` receiver gets the
+    // samples as the pre-scan indexes them.  Throws ORBException, and
+    // whatever the receiver throws.
     ORBFile(const char* path, int options, bool loadEvents, bool loadSamples,
-            IndexSorting sorting = IndexSorting::WhileScanning);
+            IndexSorting sorting = IndexSorting::WhileScanning, ScannedSamples* scanned = nullptr);
     // The same over `size` bytes at `data`, read in place (they must
     // outlive the file); a compressed body is inflated into memory.
     ORBFile(const void* data, size_t size, int options, bool loadEvents, bool loadSamples,
-            IndexSorting sorting = IndexSorting::WhileScanning);
+            IndexSorting sorting = IndexSorting::WhileScanning, ScannedSamples* scanned = nullptr);
     ~ORBFile();
 
     ORBFile(const ORBFile&) = delete;
@@ -118,9 +136,9 @@ public:
     // keep the slot of the last one in *slot (-1 at first): the next is
     // then found without a search when it follows in the queue.
     Sample* queuedSample(int index, bool velocities, int* slot = nullptr);
-    // Whether a sample handed out now lies in a recording block; logs the
-    // warning for one that does not.
-    bool inBlock(const Sample& s) const;
+    // Whether a sample of time `time` handed out now lies in a recording
+    // block; logs the warning for one that does not.
+    bool inBlock(uint32_t time) const;
     ALLF_DATA* getFloatData();
     void resetPosition(const ORBItem* item);
     int gotoIndex(int index);
@@ -160,6 +178,7 @@ public:
     bool loadEvents = true;
     bool loadSamples = true;
     IndexSorting indexSorting = IndexSorting::WhileScanning;
+    ScannedSamples* scannedSamples = nullptr; // only while the pre-scan runs
 
     // Samples around the cursor.
     std::unique_ptr<SampleQueue> queue;

@@ -115,16 +115,16 @@ Sample* ORBFile::queuedSample(int index, bool velocities, int* slot)
     }
     if (!s) // no sample carries this entry's key: the stream and the index disagree here
         return nullptr;
-    if (inBlock(*s) && velocities)
+    if (inBlock(s->fs.time) && velocities)
         queue->setVelocity(s, roundedRate(currentRecording->sampleRate));
     return s;
 }
 
-bool ORBFile::inBlock(const Sample& s) const
+bool ORBFile::inBlock(uint32_t time) const
 {
     if (currentRecording)
         return true;
-    orb_log("WARNING: ORB FILE MAY BE CORRUPTED. Samples %ld found without start recording \n", long(s.fs.time));
+    orb_log("WARNING: ORB FILE MAY BE CORRUPTED. Samples %ld found without start recording \n", long(time));
     return false;
 }
 

@@ -39,16 +39,17 @@ bool startsWith(const char* s, const char* prefix)
 
 } // namespace
 
-ORBFile::ORBFile(const char* path, int options, bool loadEvents_, bool loadSamples_, IndexSorting sorting)
-    : loadEvents(loadEvents_), loadSamples(loadSamples_), indexSorting(sorting)
+ORBFile::ORBFile(const char* path, int options, bool loadEvents_, bool loadSamples_, IndexSorting sorting,
+                 ScannedSamples* scanned)
+    : loadEvents(loadEvents_), loadSamples(loadSamples_), indexSorting(sorting), scannedSamples(scanned)
 {
     setOptions(options);
     open(std::make_unique<FileInputStream>(path));
 }
 
 ORBFile::ORBFile(const void* data, size_t size, int options, bool loadEvents_, bool loadSamples_,
-                 IndexSorting sorting)
-    : loadEvents(loadEvents_), loadSamples(loadSamples_), indexSorting(sorting)
+                 IndexSorting sorting, ScannedSamples* scanned)
+    : loadEvents(loadEvents_), loadSamples(loadSamples_), indexSorting(sorting), scannedSamples(scanned)
 {
     setOptions(options);
     if (!data && size != 0) {
@@ -89,6 +90,7 @@ void ORBFile::open(std::unique_ptr<InputStream> source)
     }
 
     preScan(tolerantScan ? 4 : 0);
+    scannedSamples = nullptr;
     if (consistencyMode != 0)
         checkConsistency();
 }

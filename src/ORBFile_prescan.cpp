@@ -187,6 +187,10 @@ size_t PreScanner::finalEntries() const
 void PreScanner::run()
 {
     reserveIndex();
+    if (f_.scannedSamples && f_.loadSamples) {
+        const int32_t at = std::max(f_.stream->position(), 0);
+        f_.scannedSamples->begin(streamBytes_ > uint64_t(at) ? int64_t(streamBytes_ - uint64_t(at)) : -1);
+    }
     size_t nextPublish = kPublishEvery;
     for (;;) {
         if (f_.items.size() >= nextPublish && f_.indexSorting == ORBFile::IndexSorting::WhileScanning) {
@@ -219,7 +223,18 @@ void PreScanner::run()
 
 bool PreScanner::scanSample(int32_t position, uint16_t header)
 {
-    if (f_.frame_combfile_sample(&sample_, tolerant_) < 0) {
+    // The index needs only a sample's time and flags, unless a receiver
+    // takes the whole sample.
+    ScannedSamples* const receiver = f_.loadSamples ? f_.scannedSamples : nullptr;
+    int read;
+    if (receiver) {
+        static const FSAMPLE kZero{};
+        std::memcpy(static_cast<void*>(&sample_.fs), &kZero, sizeof sample_.fs);
+        read = f_.read_combfile_sample(&sample_, 0, tolerant_);
+    } else {
+        read = f_.frame_combfile_sample(&sample_, tolerant_);
+    }
+    if (read < 0) {
         orb_log("error reading orb file 2\n");
         if (!tolerant_)
             throw ORBException("Error reading Sample - type");
@@ -245,6 +260,8 @@ bool PreScanner::scanSample(int32_t position, uint16_t header)
     append(makeItem(position, SAMPLE, header, key));
     prevPrevTime_ = prevTime_;
     prevTime_ = t;
+    if (receiver)
+        receiver->sample(sample_.fs, position);
     return true;
 }
 

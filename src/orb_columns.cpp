@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -73,9 +74,10 @@ void cameraValues(_ORBFILE* h, const FSAMPLE& s, CameraRow& c)
 }
 
 // Makes the sample columns' pages present on a second thread, a stretch of
-// rows at a time from the first, while the reader fills them: the system's
-// work of providing fresh memory overlaps with decoding instead of
-// interrupting it at every page.  Stops early when the reader is done.
+// rows at a time, a little ahead of the rows written: the system's work of
+// providing fresh memory overlaps with decoding instead of interrupting it
+// at every page, and pages past the last row stay untouched.  Stops when
+// the reader is done.
 class Prefaulter {
 public:
     explicit Prefaulter(const Table& table)
@@ -83,9 +85,16 @@ public:
         if (table.capacity() < kRowsEach)
             return;
         thread_ = std::thread([this, &table] {
-            for (size_t row = 0; row < table.capacity() && !stop_.load(std::memory_order_relaxed); row += kRowsEach)
+            size_t row = 0;
+            while (row < table.capacity() && !stop_.load(std::memory_order_relaxed)) {
+                if (row >= table.flushedRows() + kRowsAhead) {
+                    std::this_thread::sleep_for(std::chrono::microseconds(100));
+                    continue;
+                }
                 if (!table.prefault(row, row + kRowsEach))
                     return;
+                row += kRowsEach;
+            }
         });
     }
     ~Prefaulter()
@@ -99,25 +108,52 @@ public:
 
 private:
     static constexpr size_t kRowsEach = size_t(1) << 15;
+    static constexpr size_t kRowsAhead = 4 * kRowsEach;
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };
 
-class ColumnReader {
-public:
-    ColumnReader(ORBFile& file, int flags, orb_progress_function progress, void* user)
-        : f_(file), flags_(flags), progress_(progress), user_(user)
-    {
-    }
+// The smallest sample item: its tag word and a one-byte time step.
+constexpr uint64_t kSmallestSample = 3;
+// The most sample rows reserved while the pre-scan runs (address space,
+// not memory); a stream with more takes its samples through the queue.
+constexpr uint64_t kMostScannedRows = uint64_t(1) << 31;
+// The share of the progress the pre-scan stands for when it decodes the
+// samples.
+constexpr double kScanShare = 0.75;
 
-    std::unique_ptr<ORB_COLUMNS> run();
+// Reads a recording into columns.  The samples come from one of two
+// sources, with the same values:
+//  - the pre-scan (as the ScannedSamples receiver), which decodes every
+//    sample it indexes, in stream order, straight into the sample rows;
+//    they are kept when the index hands out exactly those samples in that
+//    order (samplesInStreamOrder), and the walk then only completes them;
+//  - otherwise the cursor's sample queue, sample by sample, as the walk
+//    steps onto them (always with velocities, which need a sample's
+//    neighbours, and with the camera values, which need the open file).
+class ColumnReader final : public ScannedSamples {
+public:
+    ColumnReader(int flags, orb_progress_function progress, void* user);
+
+    // The receiver to open the file with: null when the queue must serve.
+    ScannedSamples* scanned() { return flags_ & (ORB_COLUMNS_VELOCITIES | ORB_COLUMNS_CAMERA) ? nullptr : this; }
+    std::unique_ptr<ORB_COLUMNS> run(ORBFile& file);
+
+    void begin(int64_t bytes) override;
+    void sample(FSAMPLE& fs, int32_t position) override;
 
 private:
-    void layout();
-    void walk();
+    // Allocates the tables, but for the sample rows when they are kept.
+    void allocate(bool keepSamples);
+    void walk(bool scannedRows);
+    // Completes the scanned row of the sample at index entry `index` as
+    // the cursor hands it out there.
+    void completeScannedRow(size_t index, int32_t block);
     void addTrials();
     void report(double fraction)
     {
+        fraction = std::max(fraction, reported_);
+        reported_ = fraction;
         if (progress_ && progress_(fraction, user_) != 0)
             throw Cancelled();
     }
@@ -125,50 +161,114 @@ private:
     // increasing order.
     int32_t trialOf(size_t index);
     bool samplesInStreamOrder() const;
-    // The sample of index entry `index` as the cursor hands it out before
-    // its repairs, decoded straight from the stream (samplesInStreamOrder
-    // holds) into sample_: false when the cursor hands out nothing.
-    bool decodeSample(size_t index);
 
-    ORBFile& f_;
+    ORBFile* f_ = nullptr;
     const int flags_;
     const orb_progress_function progress_;
     void* const user_;
+    double reported_ = 0.0;
     std::unique_ptr<ORB_COLUMNS> c_;
+    std::unique_ptr<Prefaulter> ahead_;
     std::unordered_map<const Recording*, int32_t> blockOf_;
     size_t trialAt_ = 0;
     Sample sample_; // the sample of the row at hand
+
+    // The rows the pre-scan fills.
+    bool scanning_ = false; // rows are taken from the scan
+    double scanBytes_ = 0;
+    PlaceRow noPlace_{};
+    const void* scanSources_[kSources] = {};
+    size_t scannedRow_ = 0; // the next row the walk completes
+    // The columns the walk completes in the scanned rows.
+    struct {
+        uint32_t* time;
+        uint16_t* flags;
+        int32_t *index, *block, *trial;
+    } scannedColumns_{};
 };
 
-std::unique_ptr<ORB_COLUMNS> ColumnReader::run()
-{
-    c_ = std::make_unique<ORB_COLUMNS>();
-    layout();
-    {
-        Prefaulter ahead(c_->tables[ORB_TABLE_SAMPLES]);
-        walk();
-    }
-    addTrials();
-    for (Table& t : c_->tables)
-        t.flush();
-    c_->items = f_.items.size();
-    if (f_.preambleText)
-        c_->preamble.assign(f_.preambleText.get(), size_t(f_.preambleLength));
-    c_->revision = int16_t(f_.trackerRevision);
-    c_->oculantRevision = int16_t(f_.trackerModel);
-    report(1.0);
-    return std::move(c_);
-}
-
-void ColumnReader::layout()
+ColumnReader::ColumnReader(int flags, orb_progress_function progress, void* user)
+    : flags_(flags), progress_(progress), user_(user), c_(std::make_unique<ORB_COLUMNS>())
 {
     layoutSamples(c_->tables[ORB_TABLE_SAMPLES], flags_);
     layoutEvents(c_->tables[ORB_TABLE_EVENTS]);
     layoutBlocks(c_->tables[ORB_TABLE_BLOCKS]);
     layoutTrials(c_->tables[ORB_TABLE_TRIALS]);
+    scanSources_[kFromPlace] = &noPlace_;
+}
+
+void ColumnReader::begin(int64_t bytes)
+{
+    if (bytes <= 0)
+        return;
+    // As many rows as the stream could hold samples: address space only.
+    const uint64_t rows = std::min(uint64_t(bytes) / kSmallestSample + 1, kMostScannedRows);
+    try {
+        c_->tables[ORB_TABLE_SAMPLES].allocate(size_t(rows));
+    } catch (const std::bad_alloc&) {
+        return; // the queue serves
+    }
+    scanning_ = true;
+    scanBytes_ = double(bytes);
+    ahead_ = std::make_unique<Prefaulter>(c_->tables[ORB_TABLE_SAMPLES]);
+}
+
+void ColumnReader::sample(FSAMPLE& fs, int32_t position)
+{
+    Table& samples = c_->tables[ORB_TABLE_SAMPLES];
+    if (!scanning_)
+        return;
+    if (samples.full()) {
+        scanning_ = false; // a body that inflated beyond its guess: the queue serves
+        return;
+    }
+    // As the queue's carry gives them, every sample or none having them.
+    if (!(fs.flags & kPupilGroup))
+        fs.pupilSize[0] = fs.pupilSize[1] = SampleQueue::kCarriedPupilStart;
+    scanSources_[kFromSample] = &fs;
+    samples.append(scanSources_);
+    if (samples.flushedRows() % kProgressEvery == 0 && samples.flushedRows() != 0)
+        report(kScanShare * std::min(1.0, double(position) / scanBytes_));
+}
+
+std::unique_ptr<ORB_COLUMNS> ColumnReader::run(ORBFile& file)
+{
+    f_ = &file;
+    Table& samples = c_->tables[ORB_TABLE_SAMPLES];
+    samples.flush();
+    const bool scannedRows = scanning_ && samplesInStreamOrder();
+    if (!scannedRows)
+        ahead_.reset();
+    allocate(scannedRows);
+    if (scannedRows) {
+        auto column = [&](const char* name) { return reinterpret_cast<void*>(samples.columnData(name)); };
+        scannedColumns_.time = static_cast<uint32_t*>(column("time"));
+        scannedColumns_.flags = static_cast<uint16_t*>(column("flags"));
+        scannedColumns_.index = static_cast<int32_t*>(column("index"));
+        scannedColumns_.block = static_cast<int32_t*>(column("block"));
+        scannedColumns_.trial = static_cast<int32_t*>(column("trial"));
+    } else {
+        ahead_ = std::make_unique<Prefaulter>(samples);
+    }
+    walk(scannedRows);
+    ahead_.reset();
+    addTrials();
+    for (Table& t : c_->tables)
+        t.flush();
+    c_->items = f_->items.size();
+    if (f_->preambleText)
+        c_->preamble.assign(f_->preambleText.get(), size_t(f_->preambleLength));
+    c_->revision = int16_t(f_->trackerRevision);
+    c_->oculantRevision = int16_t(f_->trackerModel);
+    report(1.0);
+    return std::move(c_);
+}
+
+void ColumnReader::allocate(bool keepSamples)
+{
     // At most one row per index entry of the table's kind.
     size_t samples = 0, events = 0, blocks = 0;
-    for (const ORBItem& item : f_.items) {
+    for (const ORBItem& item : f_->items) {
         const unsigned code = item.code();
         if (code == SAMPLE)
             ++samples;
@@ -177,15 +277,16 @@ void ColumnReader::layout()
         else if (isEventCode(code))
             ++events;
     }
-    c_->tables[ORB_TABLE_SAMPLES].allocate(samples);
+    if (!keepSamples)
+        c_->tables[ORB_TABLE_SAMPLES].allocate(samples);
     c_->tables[ORB_TABLE_EVENTS].allocate(events);
     c_->tables[ORB_TABLE_BLOCKS].allocate(blocks);
-    c_->tables[ORB_TABLE_TRIALS].allocate(f_.trials.size());
+    c_->tables[ORB_TABLE_TRIALS].allocate(f_->trials.size());
 }
 
 int32_t ColumnReader::trialOf(size_t index)
 {
-    const std::vector<ORBTrial>& trials = f_.trials;
+    const std::vector<ORBTrial>& trials = f_->trials;
     while (trialAt_ + 1 < trials.size() && trials[trialAt_ + 1].startIndex <= index)
         ++trialAt_;
     if (trialAt_ < trials.size() && trials[trialAt_].startIndex <= index && index < trials[trialAt_].endIndex)
@@ -193,10 +294,10 @@ int32_t ColumnReader::trialOf(size_t index)
     return -1;
 }
 
-// Whether the samples can be decoded from the stream one by one in index
-// order, with the values the cursor takes from its sample queue, instead of
-// through the queue.  So they can when the queue would hold just the
-// stream's samples in stream order and decode each with the same state:
+// Whether the samples the pre-scan decoded in stream order are the ones the
+// cursor hands out from its sample queue, in the same order and with the
+// same values.  So they are when the queue would hold just the stream's
+// samples in stream order and decode each with the same state:
 //  - the index holds every sample of the stream once, in stream order,
 //    under strictly increasing keys (no placeholders, none dropped, none
 //    filed under another key);
@@ -205,18 +306,18 @@ int32_t ColumnReader::trialOf(size_t index)
 //  - every block start sets the same scales whatever came before it, and
 //    one is read before the first sample (the decoder's state at a sample
 //    is then the same whichever items it decoded last).
-// Velocities need the queue, which holds a sample's neighbours.
 bool ColumnReader::samplesInStreamOrder() const
 {
-    const ORBFile::ScanFacts& facts = f_.scanFacts;
-    if ((flags_ & ORB_COLUMNS_VELOCITIES) || !facts.uniformBlocks || facts.blockStarts == 0 ||
-        (facts.pupilGroups != 0 && facts.pupilGroups != facts.samples))
+    const ORBFile::ScanFacts& facts = f_->scanFacts;
+    if (!facts.uniformBlocks || facts.blockStarts == 0 ||
+        (facts.pupilGroups != 0 && facts.pupilGroups != facts.samples) ||
+        c_->tables[ORB_TABLE_SAMPLES].rows() != facts.samples)
         return false;
     uint64_t samples = 0;
     int64_t lastPosition = -1;
     uint64_t lastKey = 0;
     bool blockStarted = false;
-    for (const ORBItem& item : f_.items) {
+    for (const ORBItem& item : f_->items) {
         const unsigned code = item.code();
         blockStarted = blockStarted || code == SSAMPLES || code == SEVENTS;
         if (code != SAMPLE)
@@ -230,34 +331,40 @@ bool ColumnReader::samplesInStreamOrder() const
     return samples == facts.samples;
 }
 
-bool ColumnReader::decodeSample(size_t index)
+void ColumnReader::completeScannedRow(size_t index, int32_t block)
 {
-    const ORBItem& item = f_.items[index];
-    // Copying a zero record compiles to a few wide stores; zeroing one in
-    // place becomes a slow string instruction.
-    static const FSAMPLE kZero{};
-    Sample& s = sample_;
-    std::memcpy(static_cast<void*>(&s.fs), &kZero, sizeof s.fs);
-    f_.resetPosition(&item);
-    if (f_.read_combfile_sample(&s, unsigned(item.key() >> 1), 0) < 0) {
-        orb_log("Read error \n");
-        return false;
+    const size_t row = scannedRow_++;
+    const ORBItem& item = f_->items[index];
+    uint32_t& time = scannedColumns_.time[row];
+    f_->inBlock(time);
+    if (item.type & (kFlagEye0 | kFlagEye1)) {
+        // A sample in a blink: the whole row takes the repair.
+        Table& samples = c_->tables[ORB_TABLE_SAMPLES];
+        FSAMPLE fs{};
+        samples.readRow(row, kFromSample, &fs);
+        finishSample(fs, item);
+        f_->adjustTime(fs.time);
+        samples.writeRow(row, kFromSample, &fs);
+    } else {
+        if (item.key() != 2ull * time)
+            scannedColumns_.flags[row] = uint16_t(scannedColumns_.flags[row] | kHalfMillisecond);
+        f_->adjustTime(time);
     }
-    // As the queue's carry gives them, every sample or none having them.
-    if (!(s.fs.flags & kPupilGroup))
-        s.fs.pupilSize[0] = s.fs.pupilSize[1] = SampleQueue::kCarriedPupilStart;
-    f_.inBlock(s);
-    return true;
+    scannedColumns_.index[row] = int32_t(index);
+    scannedColumns_.block[row] = block;
+    scannedColumns_.trial[row] = trialOf(index);
 }
 
-void ColumnReader::walk()
+void ColumnReader::walk(bool scannedRows)
 {
-    _ORBFILE* const handle = reinterpret_cast<_ORBFILE*>(&f_);
+    _ORBFILE* const handle = reinterpret_cast<_ORBFILE*>(f_);
     Table& samples = c_->tables[ORB_TABLE_SAMPLES];
     Table& events = c_->tables[ORB_TABLE_EVENTS];
     Table& blocks = c_->tables[ORB_TABLE_BLOCKS];
     const bool camera = flags_ & ORB_COLUMNS_CAMERA;
-    const size_t total = f_.items.size();
+    const size_t total = f_->items.size();
+    // The walk's share of the progress.
+    const double from = scanBytes_ > 0 ? kScanShare : 0.0;
 
     PlaceRow place{};
     TextRow text{};
@@ -268,39 +375,37 @@ void ColumnReader::walk()
     sources[kFromCamera] = &cam;
 
     const bool velocities = flags_ & ORB_COLUMNS_VELOCITIES;
-    const bool direct = samplesInStreamOrder();
     int32_t block = -1;     // the block the rows lie in
     int32_t nextBlock = 0;  // the number of the next block start
     FSAMPLE& fs = sample_.fs; // the row's sample, repaired in place
     int slot = -1; // the queue slot of the last sample handed out
     int code;
-    while ((code = f_.stepNext()) != NO_MORE_ITEMS) {
-        const size_t index = size_t(f_.current - 1);
+    while ((code = f_->stepNext()) != NO_MORE_ITEMS) {
+        const size_t index = size_t(f_->current - 1);
         if (index % kProgressEvery == 0 && index != 0)
-            report(double(index) / double(total));
+            report(from + (1.0 - from) * double(index) / double(total));
         place.index = int32_t(index);
         if (code == SAMPLE) {
+            if (scannedRows) {
+                completeScannedRow(index, block);
+                continue;
+            }
             // As getFloatData and adjustTimes hand it out, straight from
             // the queue, velocities only when they are wanted.
-            const ORBItem& item = f_.items[index];
+            const ORBItem& item = f_->items[index];
             try {
-                if (direct) {
-                    if (!decodeSample(index))
-                        continue;
-                } else {
-                    const Sample* s = f_.queuedSample(int(index), velocities, &slot);
-                    if (!s) {
-                        orb_log("Read error \n");
-                        continue;
-                    }
-                    fs = s->fs;
+                const Sample* s = f_->queuedSample(int(index), velocities, &slot);
+                if (!s) {
+                    orb_log("Read error \n");
+                    continue;
                 }
+                fs = s->fs;
             } catch (const ORBException& e) {
                 orb_log("Error %s \n", e.what());
                 continue;
             }
             finishSample(fs, item);
-            f_.adjustTime(fs.time);
+            f_->adjustTime(fs.time);
             place.block = block;
             place.trial = trialOf(index);
             if (camera)
@@ -309,12 +414,12 @@ void ColumnReader::walk()
             samples.append(sources);
             continue;
         }
-        ALLF_DATA* d = f_.getFloatData();
+        ALLF_DATA* d = f_->getFloatData();
         if (!d)
             continue; // the cursor hands out nothing here: no row
-        f_.adjustTimes(d);
+        f_->adjustTimes(d);
         if (code == RECORDING) {
-            const ORBItem& item = f_.items[index];
+            const ORBItem& item = f_->items[index];
             if (d->rec.state == 1) {
                 block = nextBlock++;
                 blockOf_.emplace(item.rec, block);
@@ -347,7 +452,7 @@ void ColumnReader::addTrials()
     TrialRow row{};
     const void* sources[kSources] = {};
     sources[kFromTrial] = &row;
-    for (const ORBTrial& trial : f_.trials) {
+    for (const ORBTrial& trial : f_->trials) {
         auto it = blockOf_.find(trial.rec);
         row.block = trial.rec && it != blockOf_.end() ? it->second : -1;
         row.duration = trial.trialWord;
@@ -376,13 +481,14 @@ ORB_COLUMNS* readColumns(Open open, int flags, const char* trialStart, const cha
     LastErrorScope scope;
     int err = -1;
     try {
-        std::unique_ptr<ORBFile> f = open();
+        ColumnReader reader(flags, progress, user);
+        std::unique_ptr<ORBFile> f = open(reader.scanned());
         const std::string startId = trialStart ? trialStart : "TRIALID";
         const std::string endId = trialEnd ? trialEnd : "";
         f->trialStartId = startId.c_str();
         f->trialEndId = trialEnd ? endId.c_str() : nullptr;
         f->collectTrials();
-        ORB_COLUMNS* result = ColumnReader(*f, flags, progress, user).run().release();
+        ORB_COLUMNS* result = reader.run(*f).release();
         scope.succeeded();
         if (errval)
             *errval = 0;
@@ -412,10 +518,11 @@ ORB_COLUMNS* orb_read_columns(const char* fname, int consistency, int loadevents
                               orb_progress_function progress, void* user, int* errval)
 {
     return readColumns(
-        [&] {
+        [&](ScannedSamples* scanned) {
             if (!fname)
                 throw ORBException("File Could not be opened!");
-            return std::make_unique<ORBFile>(fname, consistency, loadevents != 0, loadsamples != 0);
+            return std::make_unique<ORBFile>(fname, consistency, loadevents != 0, loadsamples != 0,
+                                             ORBFile::IndexSorting::WhileScanning, scanned);
         },
         flags, trial_start, trial_end, progress, user, errval);
 }
@@ -426,9 +533,9 @@ ORB_COLUMNS* orb_read_columns_memory(const void* data, size_t size, int consiste
                                      void* user, int* errval)
 {
     return readColumns(
-        [&] {
-            return std::make_unique<ORBFile>(data, size, consistency, loadevents != 0,
-                                             loadsamples != 0);
+        [&](ScannedSamples* scanned) {
+            return std::make_unique<ORBFile>(data, size, consistency, loadevents != 0, loadsamples != 0,
+                                             ORBFile::IndexSorting::WhileScanning, scanned);
         },
         flags, trial_start, trial_end, progress, user, errval);
 }

@@ -458,13 +458,15 @@ void expectColumnsMatchCursor(const std::string& path, const ReadArgs& a)
 }
 
 // The open arguments that change what is read: each consistency mode, the
-// time adjustment off, and events or samples left out; each with and
-// without velocities (the reader takes the samples another way without).
+// time adjustment off, and events or samples left out; each with every
+// option and with none (the reader takes the samples another way then).
 void expectEveryReadMatchesCursor(const std::string& path, int tolerant = 0)
 {
     const int args[][3] = {{0, 1, 1}, {1, 1, 1}, {2, 1, 1}, {10, 1, 1}, {2, 0, 1}, {0, 1, 0}};
     for (const auto& [consistency, events, samples] : args)
-        for (int flags : {ORB_COLUMNS_VELOCITIES | ORB_COLUMNS_CAMERA, ORB_COLUMNS_CAMERA}) {
+        // With every option the samples come through the sample queue;
+        // with none, from the pre-scan wherever it can take them.
+        for (int flags : {ORB_COLUMNS_VELOCITIES | ORB_COLUMNS_CAMERA, 0}) {
             SCOPED_TRACE("consistency " + std::to_string(consistency | tolerant) + " events " +
                          std::to_string(events) + " samples " + std::to_string(samples) + " flags " +
                          std::to_string(flags));
@@ -769,4 +771,29 @@ TEST_F(Columns, SamplesStraightFromTheStreamOnlyWhereTheQueueWouldAgree)
         expectEveryReadMatchesCursor(path);
         expectEveryReadMatchesCursor(path, 4);
     }
+}
+
+// The pre-scan reserves rows for as many samples as a compressed body is
+// guessed to hold; a body of identical samples inflates far beyond that
+// guess: the samples then come through the queue after all.
+TEST_F(Columns, ACompressedBodyBeyondItsGuessedSize)
+{
+    OrbWriter w;
+    w.compressed = true;
+    w.magic = "NORVANE_LAB_HSPDFILE ZIP\n";
+    startBlock(w, 1000);
+    w.add(sampleAt(1000));
+    SampleItem same; // three bytes: a tag and a time step
+    same.flags = uint16_t(kSampleItem | kBothEyes);
+    same.step = 1;
+    for (int i = 0; i < 200000; ++i)
+        w.add(same);
+    endBlock(w, 201001);
+    const std::string path = w.write();
+    ReadArgs a;
+    a.flags = 0;
+    expectColumnsMatchCursor(path, a);
+    ORB_COLUMNS* c = readColumns(path, a);
+    EXPECT_EQ(orb_columns_rows(c, ORB_TABLE_SAMPLES), 200001u);
+    orb_free_columns(c);
 }
