@@ -2,13 +2,20 @@
 // 1000 Hz recording (3.6 million samples), plain and compressed, with and
 // without velocities, and two recordings on two threads at once.  Beside
 // them, in the same run, the floors: reading the file's bytes once,
-// inflating the body once, and decoding every item once with no index.
+// inflating the body once, decoding every item once with no index, and
+// writing as many bytes as the columns hold into fresh memory once.  Reads
+// are timed by the clock on the wall: the reader uses a second thread.
 //
 // Each read reports samples per second, the size of its columns and the
 // peak resident memory it reached over what the process held before
 // (allowed: the columns plus 64 MiB).
 //
 // ORBAPI_BENCH_SECONDS shortens the recording (default 3600).
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
 #include <memory>
 #include <thread>
 
@@ -32,6 +39,79 @@ BENCHMARK(BM_FloorReadBytes)->Unit(benchmark::kMillisecond);
 
 void BM_FloorInflateBody(benchmark::State& state) { inflateBodyOnce(state, files().compressed); }
 BENCHMARK(BM_FloorInflateBody)->Unit(benchmark::kMillisecond);
+
+size_t columnBytes(const ORB_COLUMNS* c)
+{
+    size_t total = 0;
+    for (int t = ORB_TABLE_SAMPLES; t <= ORB_TABLE_TRIALS; ++t)
+        for (int i = 0; i < orb_columns_count(c, t); ++i) {
+            ORB_COLUMN col{};
+            orb_columns_column(c, t, i, &col);
+            const size_t size = orb_column_type_size(col.type);
+            total += size * orb_columns_rows(c, t);
+        }
+    size_t text = 0;
+    orb_columns_text(c, &text);
+    return total + text;
+}
+
+// Floors: as many bytes as the columns of the plain recording hold, mapped
+// fresh from the system, written once and given back: what every reader
+// that hands out new columns pays the system, whatever it decodes.  Once
+// by one thread taking each page as it first writes it, and once with the
+// pages made present on a second thread a little ahead of the writer, as
+// the reader does.
+size_t plainColumnBytes()
+{
+    static const size_t bytes = [] {
+        ORB_COLUMNS* c = orb_read_columns(files().plain.path.c_str(), 0, 1, 1, 0, nullptr, nullptr, nullptr,
+                                          nullptr, nullptr);
+        const size_t n = c ? columnBytes(c) : 0;
+        orb_free_columns(c);
+        return n;
+    }();
+    return bytes;
+}
+
+void freshColumns(benchmark::State& state, bool ahead)
+{
+    const size_t bytes = plainColumnBytes();
+    constexpr size_t kStep = size_t(4) << 20;
+    for (auto _ : state) {
+        void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (p == MAP_FAILED) {
+            state.SkipWithError("no memory");
+            return;
+        }
+        unsigned char* const at = static_cast<unsigned char*>(p);
+        std::atomic<size_t> written{0};
+        std::thread helper;
+        if (ahead)
+            helper = std::thread([&] {
+                for (size_t from = 0; from < bytes; from += kStep) {
+                    while (from > written.load(std::memory_order_relaxed) + 4 * kStep)
+                        std::this_thread::yield();
+                    madvise(at + from, std::min(kStep, bytes - from), MADV_POPULATE_WRITE);
+                }
+            });
+        for (size_t from = 0; from < bytes; from += kStep) {
+            std::memset(at + from, 0x5a, std::min(kStep, bytes - from));
+            written.store(from + kStep, std::memory_order_relaxed);
+        }
+        if (helper.joinable())
+            helper.join();
+        benchmark::DoNotOptimize(at[bytes / 2]);
+        munmap(p, bytes);
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(bytes));
+    setSampleRate(state, files().plain);
+}
+
+void BM_FloorFreshColumns(benchmark::State& state) { freshColumns(state, false); }
+BENCHMARK(BM_FloorFreshColumns)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_FloorFreshColumnsTwoThreads(benchmark::State& state) { freshColumns(state, true); }
+BENCHMARK(BM_FloorFreshColumnsTwoThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // Every item of the plain file decoded once, in file order, by the
 // library's decoders, with nothing kept (the library's own pass, beside the
@@ -235,21 +315,6 @@ void BM_FloorDecodeStraight(benchmark::State& state)
 }
 BENCHMARK(BM_FloorDecodeStraight)->Unit(benchmark::kMillisecond);
 
-size_t columnBytes(const ORB_COLUMNS* c)
-{
-    size_t total = 0;
-    for (int t = ORB_TABLE_SAMPLES; t <= ORB_TABLE_TRIALS; ++t)
-        for (int i = 0; i < orb_columns_count(c, t); ++i) {
-            ORB_COLUMN col{};
-            orb_columns_column(c, t, i, &col);
-            const size_t size = orb_column_type_size(col.type);
-            total += size * orb_columns_rows(c, t);
-        }
-    size_t text = 0;
-    orb_columns_text(c, &text);
-    return total + text;
-}
-
 void columnsBenchmark(benchmark::State& state, const SyntheticRecording& r, int flags)
 {
     double peak = 0, held = 0;
@@ -274,22 +339,22 @@ void columnsBenchmark(benchmark::State& state, const SyntheticRecording& r, int 
 }
 
 void BM_ColumnsPlain(benchmark::State& state) { columnsBenchmark(state, files().plain, 0); }
-BENCHMARK(BM_ColumnsPlain)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ColumnsPlain)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_ColumnsPlainVelocities(benchmark::State& state)
 {
     columnsBenchmark(state, files().plain, ORB_COLUMNS_VELOCITIES);
 }
-BENCHMARK(BM_ColumnsPlainVelocities)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ColumnsPlainVelocities)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_ColumnsCompressed(benchmark::State& state) { columnsBenchmark(state, files().compressed, 0); }
-BENCHMARK(BM_ColumnsCompressed)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ColumnsCompressed)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_ColumnsCompressedVelocities(benchmark::State& state)
 {
     columnsBenchmark(state, files().compressed, ORB_COLUMNS_VELOCITIES);
 }
-BENCHMARK(BM_ColumnsCompressedVelocities)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ColumnsCompressedVelocities)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // One plain recording per thread, each thread its own read; the rate is
 // that of all threads together (wall time).

@@ -87,7 +87,7 @@ public:
         thread_ = std::thread([this, &table] {
             size_t row = 0;
             while (row < table.capacity() && !stop_.load(std::memory_order_relaxed)) {
-                if (row >= table.flushedRows() + kRowsAhead) {
+                if (row + kRowsEach > table.flushedRows() + kRowsAhead) {
                     std::this_thread::sleep_for(std::chrono::microseconds(100));
                     continue;
                 }
@@ -107,8 +107,10 @@ public:
     Prefaulter& operator=(const Prefaulter&) = delete;
 
 private:
-    static constexpr size_t kRowsEach = size_t(1) << 15;
-    static constexpr size_t kRowsAhead = 4 * kRowsEach;
+    // Stretches of rows made present at once, and how far past the rows
+    // written they may reach (pages ahead count as memory held).
+    static constexpr size_t kRowsEach = size_t(1) << 14;
+    static constexpr size_t kRowsAhead = 2 * kRowsEach;
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };
@@ -336,7 +338,8 @@ void ColumnReader::completeScannedRow(size_t index, int32_t block)
     const size_t row = scannedRow_++;
     const ORBItem& item = f_->items[index];
     uint32_t& time = scannedColumns_.time[row];
-    f_->inBlock(time);
+    if (!f_->currentRecording)
+        f_->inBlock(time);
     if (item.type & (kFlagEye0 | kFlagEye1)) {
         // A sample in a blink: the whole row takes the repair.
         Table& samples = c_->tables[ORB_TABLE_SAMPLES];
@@ -346,9 +349,10 @@ void ColumnReader::completeScannedRow(size_t index, int32_t block)
         f_->adjustTime(fs.time);
         samples.writeRow(row, kFromSample, &fs);
     } else {
-        if (item.key() != 2ull * time)
+        if (item.timeKey != 2ull * time) // a sample entry's key is its own
             scannedColumns_.flags[row] = uint16_t(scannedColumns_.flags[row] | kHalfMillisecond);
-        f_->adjustTime(time);
+        if (!f_->timeFixupOff)
+            f_->adjustTime(time);
     }
     scannedColumns_.index[row] = int32_t(index);
     scannedColumns_.block[row] = block;
@@ -379,17 +383,21 @@ void ColumnReader::walk(bool scannedRows)
     int32_t nextBlock = 0;  // the number of the next block start
     FSAMPLE& fs = sample_.fs; // the row's sample, repaired in place
     int slot = -1; // the queue slot of the last sample handed out
-    int code;
-    while ((code = f_->stepNext()) != NO_MORE_ITEMS) {
-        const size_t index = size_t(f_->current - 1);
+    for (size_t index = 0; index < total; ++index) {
         if (index % kProgressEvery == 0 && index != 0)
             report(from + (1.0 - from) * double(index) / double(total));
+        // A scanned sample needs nothing of the cursor but its block; any
+        // other entry is stepped onto as the cursor does.
+        if (scannedRows && f_->items[index].isSample()) {
+            completeScannedRow(index, block);
+            continue;
+        }
+        f_->current = int32_t(index);
+        const int code = f_->stepNext();
+        if (code == NO_MORE_ITEMS)
+            break;
         place.index = int32_t(index);
         if (code == SAMPLE) {
-            if (scannedRows) {
-                completeScannedRow(index, block);
-                continue;
-            }
             // As getFloatData and adjustTimes hand it out, straight from
             // the queue, velocities only when they are wanted.
             const ORBItem& item = f_->items[index];
