@@ -178,6 +178,7 @@ private:
     // The rows the pre-scan fills.
     bool scanning_ = false; // rows are taken from the scan
     double scanBytes_ = 0;
+    size_t scannedCount_ = 0; // samples the scan handed over
     PlaceRow noPlace_{};
     const void* scanSources_[kSources] = {};
     size_t scannedRow_ = 0; // the next row the walk completes
@@ -229,7 +230,7 @@ void ColumnReader::sample(FSAMPLE& fs, int32_t position)
         fs.pupilSize[0] = fs.pupilSize[1] = SampleQueue::kCarriedPupilStart;
     scanSources_[kFromSample] = &fs;
     samples.append(scanSources_);
-    if (samples.flushedRows() % kProgressEvery == 0 && samples.flushedRows() != 0)
+    if (++scannedCount_ % kProgressEvery == 0)
         report(kScanShare * std::min(1.0, double(position) / scanBytes_));
 }
 
