@@ -136,6 +136,60 @@ void Table::allocate(size_t capacity)
     flushed_.store(0, std::memory_order_relaxed);
 }
 
+namespace {
+
+#if defined(__SSE2__)
+// Sixteen bytes of a column from a whole stage: the values of 16 / N rows,
+// `stride` bytes apart in the stage, gathered in a register (not through
+// memory, whose small stores a wide load could not take over).
+template <size_t N>
+inline __m128i gather16(const unsigned char* from, size_t stride);
+
+template <>
+inline __m128i gather16<1>(const unsigned char* from, size_t stride)
+{
+    alignas(16) unsigned char v[16];
+    for (size_t r = 0; r < 16; ++r)
+        v[r] = from[r * stride];
+    return _mm_load_si128(reinterpret_cast<const __m128i*>(v));
+}
+
+template <>
+inline __m128i gather16<2>(const unsigned char* from, size_t stride)
+{
+    auto at = [&](size_t r) {
+        uint16_t x;
+        __builtin_memcpy(&x, from + r * stride, 2);
+        return short(x);
+    };
+    return _mm_setr_epi16(at(0), at(1), at(2), at(3), at(4), at(5), at(6), at(7));
+}
+
+template <>
+inline __m128i gather16<4>(const unsigned char* from, size_t stride)
+{
+    auto at = [&](size_t r) {
+        int32_t x;
+        __builtin_memcpy(&x, from + r * stride, 4);
+        return x;
+    };
+    return _mm_setr_epi32(at(0), at(1), at(2), at(3));
+}
+
+template <>
+inline __m128i gather16<8>(const unsigned char* from, size_t stride)
+{
+    auto at = [&](size_t r) {
+        long long x;
+        __builtin_memcpy(&x, from + r * stride, 8);
+        return x;
+    };
+    return _mm_set_epi64x(at(1), at(0));
+}
+#endif
+
+} // namespace
+
 template <size_t N>
 void Table::write(const Group& g, const Stage& st)
 {
@@ -147,16 +201,11 @@ void Table::write(const Group& g, const Stage& st)
 #if defined(__SSE2__)
         if (n == kStageRows) {
             // A whole stage fills whole, aligned cache lines of the column
-            // (columns start on a line, and whole stages go before): its
-            // values are gathered here and streamed to memory without the
-            // lines being read first.
-            alignas(16) unsigned char run[kStageRows * N];
-#pragma GCC unroll 8
-            for (size_t r = 0; r < n; ++r)
-                __builtin_memcpy(run + r * N, from + r * stride, N);
-            for (size_t b = 0; b < sizeof run; b += 16)
-                _mm_stream_si128(reinterpret_cast<__m128i*>(to + b),
-                                 _mm_load_si128(reinterpret_cast<const __m128i*>(run + b)));
+            // (columns start on a line, and whole stages go before): they
+            // are streamed to memory without being read first.
+            constexpr size_t kPerStore = 16 / N;
+            for (size_t r = 0; r < n; r += kPerStore)
+                _mm_stream_si128(reinterpret_cast<__m128i*>(to + r * N), gather16<N>(from + r * stride, stride));
             continue;
         }
 #endif

@@ -131,7 +131,25 @@ public:
     void append(const void* const* sources)
     {
         for (const Stage& st : stages_)
-            std::memcpy(st.rows.get() + pending_ * st.size, sources[st.source], st.size);
+            copyRecord(st.source, st.rows.get() + pending_ * st.size, sources[st.source]);
+        if (++pending_ == kStageRows)
+            flush();
+    }
+    // The record of `source` in the row being gathered, for the caller to
+    // fill in place and then append with appendFilled.
+    void* pendingRecord(Source source)
+    {
+        for (const Stage& st : stages_)
+            if (st.source == source)
+                return st.rows.get() + pending_ * st.size;
+        return nullptr;
+    }
+    // append() for a row whose record of `filled` is filled in place.
+    void appendFilled(Source filled, const void* const* sources)
+    {
+        for (const Stage& st : stages_)
+            if (st.source != filled)
+                copyRecord(st.source, st.rows.get() + pending_ * st.size, sources[st.source]);
         if (++pending_ == kStageRows)
             flush();
     }
@@ -184,6 +202,20 @@ private:
 
     template <size_t N>
     void write(const Group& g, const Stage& st);
+    // Copies a record of `source`, its size known to the compiler.
+    static void copyRecord(Source source, unsigned char* to, const void* from)
+    {
+        switch (source) {
+        case kFromSample: std::memcpy(to, from, sizeof(FSAMPLE)); break;
+        case kFromEvent: std::memcpy(to, from, sizeof(FEVENT)); break;
+        case kFromBlock: std::memcpy(to, from, sizeof(Recording)); break;
+        case kFromCamera: std::memcpy(to, from, sizeof(CameraRow)); break;
+        case kFromPlace: std::memcpy(to, from, sizeof(PlaceRow)); break;
+        case kFromText: std::memcpy(to, from, sizeof(TextRow)); break;
+        case kFromTrial: std::memcpy(to, from, sizeof(TrialRow)); break;
+        default: break;
+        }
+    }
 
     std::vector<Column> columns_;
     Storage storage_;

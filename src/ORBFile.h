@@ -61,16 +61,19 @@ int inflateInto(FILE* source, const std::function<bool(const unsigned char*, siz
 void finishSample(FSAMPLE& fs, const ORBItem& item);
 
 // Receives the samples the pre-scan puts in the index, in stream order, each
-// decoded whole into a record that started out zeroed: a reader that takes
-// every sample in stream order gets them without decoding them again.
+// decoded whole into a record of the receiver's that started out zeroed: a
+// reader that takes every sample in stream order gets them without
+// decoding them again.
 class ScannedSamples {
 public:
     // The scan is about to start, with about `bytes` of item stream ahead
     // (a guess for a body still being inflated; -1 when unknown).
     virtual void begin(int64_t bytes) = 0;
-    // The sample whose body lies at stream position `position`; the record
-    // is the scan's scratch and may be changed.
-    virtual void sample(FSAMPLE& fs, int32_t position) = 0;
+    // A zeroed record to decode the next sample into.
+    virtual Sample* next() = 0;
+    // The sample decoded into the last record next() gave is indexed; its
+    // body lies at stream position `position`.
+    virtual void sample(int32_t position) = 0;
 
 protected:
     ~ScannedSamples() = default;

@@ -228,9 +228,12 @@ bool PreScanner::scanSample(int32_t position, uint16_t header)
     ScannedSamples* const receiver = f_.loadSamples ? f_.scannedSamples : nullptr;
     int read;
     if (receiver) {
-        static const FSAMPLE kZero{};
-        std::memcpy(static_cast<void*>(&sample_.fs), &kZero, sizeof sample_.fs);
-        read = f_.read_combfile_sample(&sample_, 0, tolerant_);
+        Sample* const s = receiver->next();
+        read = f_.read_combfile_sample(s, 0, tolerant_);
+        // What the scan keeps of the last sample.
+        sample_.fs.time = s->fs.time;
+        sample_.fs.flags = s->fs.flags;
+        sample_.fs.extraType = s->fs.extraType;
     } else {
         read = f_.frame_combfile_sample(&sample_, tolerant_);
     }
@@ -261,7 +264,7 @@ bool PreScanner::scanSample(int32_t position, uint16_t header)
     prevPrevTime_ = prevTime_;
     prevTime_ = t;
     if (receiver)
-        receiver->sample(sample_.fs, position);
+        receiver->sample(position);
     return true;
 }
 

@@ -73,28 +73,47 @@ void cameraValues(_ORBFILE* h, const FSAMPLE& s, CameraRow& c)
     c.windowY = wh[1];
 }
 
-// Makes the sample columns' pages present on a second thread, a stretch of
-// rows at a time, a little ahead of the rows written: the system's work of
-// providing fresh memory overlaps with decoding instead of interrupting it
-// at every page, and pages past the last row stay untouched.  Stops when
-// the reader is done.
+// Makes the pages of a table's columns present a stretch of rows at a time,
+// a little ahead of the rows written: the system's work of providing fresh
+// memory is done on a second thread instead of interrupting the writer at
+// every page, and pages past the last row stay untouched.
+class PagesAhead {
+public:
+    // One stretch, when the writer is near enough: false when there is
+    // nothing to do now.
+    bool step(const Table& table)
+    {
+        if (done_ || row_ >= table.capacity() || row_ + kRowsEach > table.flushedRows() + kRowsAhead)
+            return false;
+        done_ = !table.prefault(row_, row_ + kRowsEach); // not again where the system cannot
+        row_ += kRowsEach;
+        return !done_;
+    }
+    // Whether there is nothing left to do at all.
+    bool finished(const Table& table) const { return done_ || row_ >= table.capacity(); }
+
+    // Stretches of rows made present at once, and how far past the rows
+    // written they may reach (pages ahead count as memory held).
+    static constexpr size_t kRowsEach = size_t(1) << 14;
+    static constexpr size_t kRowsAhead = 2 * kRowsEach;
+
+private:
+    size_t row_ = 0;
+    bool done_ = false;
+};
+
+// PagesAhead on a thread of its own, until the reader is done.
 class Prefaulter {
 public:
     explicit Prefaulter(const Table& table)
     {
-        if (table.capacity() < kRowsEach)
+        if (table.capacity() < PagesAhead::kRowsEach)
             return;
         thread_ = std::thread([this, &table] {
-            size_t row = 0;
-            while (row < table.capacity() && !stop_.load(std::memory_order_relaxed)) {
-                if (row + kRowsEach > table.flushedRows() + kRowsAhead) {
+            PagesAhead pages;
+            while (!pages.finished(table) && !stop_.load(std::memory_order_relaxed))
+                if (!pages.step(table))
                     std::this_thread::sleep_for(std::chrono::microseconds(100));
-                    continue;
-                }
-                if (!table.prefault(row, row + kRowsEach))
-                    return;
-                row += kRowsEach;
-            }
         });
     }
     ~Prefaulter()
@@ -107,10 +126,6 @@ public:
     Prefaulter& operator=(const Prefaulter&) = delete;
 
 private:
-    // Stretches of rows made present at once, and how far past the rows
-    // written they may reach (pages ahead count as memory held).
-    static constexpr size_t kRowsEach = size_t(1) << 14;
-    static constexpr size_t kRowsAhead = 2 * kRowsEach;
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };
@@ -142,7 +157,8 @@ public:
     std::unique_ptr<ORB_COLUMNS> run(ORBFile& file);
 
     void begin(int64_t bytes) override;
-    void sample(FSAMPLE& fs, int32_t position) override;
+    Sample* next() override;
+    void sample(int32_t position) override;
 
 private:
     // Allocates the tables, but for the sample rows when they are kept.
@@ -170,7 +186,6 @@ private:
     void* const user_;
     double reported_ = 0.0;
     std::unique_ptr<ORB_COLUMNS> c_;
-    std::unique_ptr<Prefaulter> ahead_;
     std::unordered_map<const Recording*, int32_t> blockOf_;
     size_t trialAt_ = 0;
     Sample sample_; // the sample of the row at hand
@@ -179,6 +194,9 @@ private:
     bool scanning_ = false; // rows are taken from the scan
     double scanBytes_ = 0;
     size_t scannedCount_ = 0; // samples the scan handed over
+    std::unique_ptr<Prefaulter> scanPages_; // of the rows the scan fills
+    Sample* staged_ = nullptr; // the record the scan decodes into
+    Sample unused_;            // that record once the rows are not kept
     PlaceRow noPlace_{};
     const void* scanSources_[kSources] = {};
     size_t scannedRow_ = 0; // the next row the walk completes
@@ -213,23 +231,30 @@ void ColumnReader::begin(int64_t bytes)
     }
     scanning_ = true;
     scanBytes_ = double(bytes);
-    ahead_ = std::make_unique<Prefaulter>(c_->tables[ORB_TABLE_SAMPLES]);
+    scanPages_ = std::make_unique<Prefaulter>(c_->tables[ORB_TABLE_SAMPLES]);
 }
 
-void ColumnReader::sample(FSAMPLE& fs, int32_t position)
+static_assert(sizeof(Sample) == sizeof(FSAMPLE), "a sample is decoded in place of the row's record");
+
+Sample* ColumnReader::next()
 {
     Table& samples = c_->tables[ORB_TABLE_SAMPLES];
+    if (scanning_ && samples.full())
+        scanning_ = false; // a body that inflated beyond its guess: the queue serves
+    // The row being gathered, or a record of its own once the queue serves.
+    staged_ = scanning_ ? new (samples.pendingRecord(kFromSample)) Sample : new (&unused_) Sample;
+    return staged_;
+}
+
+void ColumnReader::sample(int32_t position)
+{
     if (!scanning_)
         return;
-    if (samples.full()) {
-        scanning_ = false; // a body that inflated beyond its guess: the queue serves
-        return;
-    }
     // As the queue's carry gives them, every sample or none having them.
+    FSAMPLE& fs = staged_->fs;
     if (!(fs.flags & kPupilGroup))
         fs.pupilSize[0] = fs.pupilSize[1] = SampleQueue::kCarriedPupilStart;
-    scanSources_[kFromSample] = &fs;
-    samples.append(scanSources_);
+    c_->tables[ORB_TABLE_SAMPLES].appendFilled(kFromSample, scanSources_);
     if (++scannedCount_ % kProgressEvery == 0)
         report(kScanShare * std::min(1.0, double(position) / scanBytes_));
 }
@@ -239,9 +264,8 @@ std::unique_ptr<ORB_COLUMNS> ColumnReader::run(ORBFile& file)
     f_ = &file;
     Table& samples = c_->tables[ORB_TABLE_SAMPLES];
     samples.flush();
+    scanPages_.reset();
     const bool scannedRows = scanning_ && samplesInStreamOrder();
-    if (!scannedRows)
-        ahead_.reset();
     allocate(scannedRows);
     if (scannedRows) {
         auto column = [&](const char* name) { return reinterpret_cast<void*>(samples.columnData(name)); };
@@ -250,11 +274,14 @@ std::unique_ptr<ORB_COLUMNS> ColumnReader::run(ORBFile& file)
         scannedColumns_.index = static_cast<int32_t*>(column("index"));
         scannedColumns_.block = static_cast<int32_t*>(column("block"));
         scannedColumns_.trial = static_cast<int32_t*>(column("trial"));
-    } else {
-        ahead_ = std::make_unique<Prefaulter>(samples);
     }
-    walk(scannedRows);
-    ahead_.reset();
+    {
+        // The queue's rows are written as the walk goes.
+        std::unique_ptr<Prefaulter> ahead;
+        if (!scannedRows)
+            ahead = std::make_unique<Prefaulter>(samples);
+        walk(scannedRows);
+    }
     addTrials();
     for (Table& t : c_->tables)
         t.flush();
