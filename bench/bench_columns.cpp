@@ -55,63 +55,92 @@ size_t columnBytes(const ORB_COLUMNS* c)
     return total + text;
 }
 
-// Floors: as many bytes as the columns of the plain recording hold, mapped
-// fresh from the system, written once and given back: what every reader
-// that hands out new columns pays the system, whatever it decodes.  Once
-// by one thread taking each page as it first writes it, and once with the
-// pages made present on a second thread a little ahead of the writer, as
-// the reader does.
-size_t plainColumnBytes()
+// Floors: as many bytes as the columns of the plain recording hold (with
+// or without velocities), mapped fresh from the system, written once and
+// given back: what every reader that hands out new columns pays the
+// system, whatever it decodes.  By one thread taking each page as it first
+// writes it; by one writer whose pages a second thread makes present a
+// little ahead of it, as the reader does; and by two threads at once, each
+// writing columns of its own, as two reads at once do (the rate counts
+// both).
+size_t columnBytesOfRead(int flags)
 {
-    static const size_t bytes = [] {
-        ORB_COLUMNS* c = orb_read_columns(files().plain.path.c_str(), 0, 1, 1, 0, nullptr, nullptr, nullptr,
-                                          nullptr, nullptr);
-        const size_t n = c ? columnBytes(c) : 0;
-        orb_free_columns(c);
-        return n;
-    }();
-    return bytes;
+    ORB_COLUMNS* c = orb_read_columns(files().plain.path.c_str(), 0, 1, 1, flags, nullptr, nullptr, nullptr,
+                                      nullptr, nullptr);
+    const size_t n = c ? columnBytes(c) : 0;
+    orb_free_columns(c);
+    return n;
 }
 
-void freshColumns(benchmark::State& state, bool ahead)
+// Writes `bytes` of fresh memory once and gives it back; with `helped`, a
+// second thread makes the pages present ahead of the writer.
+bool writeFreshMemory(size_t bytes, bool helped)
 {
-    const size_t bytes = plainColumnBytes();
     constexpr size_t kStep = size_t(4) << 20;
+    void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (p == MAP_FAILED)
+        return false;
+    unsigned char* const at = static_cast<unsigned char*>(p);
+    std::atomic<size_t> written{0};
+    std::thread helper;
+    if (helped)
+        helper = std::thread([&] {
+            for (size_t from = 0; from < bytes; from += kStep) {
+                while (from > written.load(std::memory_order_relaxed) + 4 * kStep)
+                    std::this_thread::yield();
+                madvise(at + from, std::min(kStep, bytes - from), MADV_POPULATE_WRITE);
+            }
+        });
+    for (size_t from = 0; from < bytes; from += kStep) {
+        std::memset(at + from, 0x5a, std::min(kStep, bytes - from));
+        written.store(from + kStep, std::memory_order_relaxed);
+    }
+    if (helper.joinable())
+        helper.join();
+    benchmark::DoNotOptimize(at[bytes / 2]);
+    munmap(p, bytes);
+    return true;
+}
+
+enum class Writers { One, OneHelped, Two };
+
+void freshColumns(benchmark::State& state, int flags, Writers writers)
+{
+    const size_t bytes = columnBytesOfRead(flags);
+    const int count = writers == Writers::Two ? 2 : 1;
     for (auto _ : state) {
-        void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (p == MAP_FAILED) {
+        std::atomic<bool> ok{true};
+        std::vector<std::thread> pool;
+        for (int t = 1; t < count; ++t)
+            pool.emplace_back([&] { ok = writeFreshMemory(bytes, false) && ok; });
+        ok = writeFreshMemory(bytes, writers == Writers::OneHelped) && ok;
+        for (std::thread& t : pool)
+            t.join();
+        if (!ok) {
             state.SkipWithError("no memory");
             return;
         }
-        unsigned char* const at = static_cast<unsigned char*>(p);
-        std::atomic<size_t> written{0};
-        std::thread helper;
-        if (ahead)
-            helper = std::thread([&] {
-                for (size_t from = 0; from < bytes; from += kStep) {
-                    while (from > written.load(std::memory_order_relaxed) + 4 * kStep)
-                        std::this_thread::yield();
-                    madvise(at + from, std::min(kStep, bytes - from), MADV_POPULATE_WRITE);
-                }
-            });
-        for (size_t from = 0; from < bytes; from += kStep) {
-            std::memset(at + from, 0x5a, std::min(kStep, bytes - from));
-            written.store(from + kStep, std::memory_order_relaxed);
-        }
-        if (helper.joinable())
-            helper.join();
-        benchmark::DoNotOptimize(at[bytes / 2]);
-        munmap(p, bytes);
     }
-    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(bytes));
-    setSampleRate(state, files().plain);
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(bytes) * count);
+    state.counters["samples/s"] = benchmark::Counter(double(files().plain.samples) * count,
+                                                     benchmark::Counter::kIsIterationInvariantRate);
+    state.counters["columns_MiB"] = double(bytes) / kMiB;
 }
 
-void BM_FloorFreshColumns(benchmark::State& state) { freshColumns(state, false); }
+void BM_FloorFreshColumns(benchmark::State& state) { freshColumns(state, 0, Writers::One); }
 BENCHMARK(BM_FloorFreshColumns)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-void BM_FloorFreshColumnsTwoThreads(benchmark::State& state) { freshColumns(state, true); }
-BENCHMARK(BM_FloorFreshColumnsTwoThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
+void BM_FloorFreshColumnsHelped(benchmark::State& state) { freshColumns(state, 0, Writers::OneHelped); }
+BENCHMARK(BM_FloorFreshColumnsHelped)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_FloorFreshColumnsTwoAtOnce(benchmark::State& state) { freshColumns(state, 0, Writers::Two); }
+BENCHMARK(BM_FloorFreshColumnsTwoAtOnce)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_FloorFreshVelocityColumnsHelped(benchmark::State& state)
+{
+    freshColumns(state, ORB_COLUMNS_VELOCITIES, Writers::OneHelped);
+}
+BENCHMARK(BM_FloorFreshVelocityColumnsHelped)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // Every item of the plain file decoded once, in file order, by the
 // library's decoders, with nothing kept (the library's own pass, beside the
