@@ -32,6 +32,9 @@ struct ByTime {
             return ka < kb;
         return sortByTime(a, b);
     }
+    // The same in two steps, for the sort's inner loops.
+    uint64_t key(const ORBItem& a) const { return a.key(); }
+    bool tied(const ORBItem& a, const ORBItem& b) const { return sortByTime(a, b); }
 };
 
 struct SameInstant {

@@ -32,10 +32,22 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
 namespace orbsort {
+
+// A comparator may order by a key first: then it has key(x), and tied(a, b)
+// decides between entries of one key.  The sort's inner loops then take the
+// key of the entry they compare against once, not at every comparison; the
+// outcome of every comparison stays the comparator's.
+template <class Comp, class T, class = void>
+struct HasKey : std::false_type {};
+template <class Comp, class T>
+struct HasKey<Comp, T, std::void_t<decltype(std::declval<Comp>().key(std::declval<const T&>())),
+                                   decltype(std::declval<Comp>().tied(std::declval<const T&>(), std::declval<const T&>()))>>
+    : std::true_type {};
 
 template <class T, class Comp>
 class IntroSorter {
@@ -62,6 +74,23 @@ private:
     static int floorLog2(uint64_t n) { return 63 - __builtin_clzll(n); }
 
     bool less(const T& a, const T& b) { return comp_(a, b); }
+
+    // less() against one fixed entry `b` (or `a`), its key taken once.
+    struct Fixed {
+        Comp& comp;
+        const T& entry;
+        decltype(std::declval<Comp>().key(std::declval<const T&>())) key;
+        bool before(const T& a) const // less(a, entry)
+        {
+            const auto k = comp.key(a);
+            return k != key ? k < key : comp.tied(a, entry);
+        }
+        bool after(const T& b) const // less(entry, b)
+        {
+            const auto k = comp.key(b);
+            return k != key ? key < k : comp.tied(entry, b);
+        }
+    };
 
     void introsortLoop(T* first, T* last, int depth)
     {
@@ -107,15 +136,30 @@ private:
     // stop at the ends of the array.
     T* partition(T* first, T* last, T* pivot)
     {
+        if constexpr (HasKey<Comp, T>::value) {
+            const Fixed fixed{comp_, *pivot, comp_.key(*pivot)};
+            return partitionWith([&](const T& a) { return fixed.before(a); },
+                                 [&](const T& b) { return fixed.after(b); }, first, last);
+        } else {
+            return partitionWith([&](const T& a) { return less(a, *pivot); },
+                                 [&](const T& b) { return less(*pivot, b); }, first, last);
+        }
+    }
+
+    // The partition with beforePivot(x) = less(x, *pivot) and afterPivot(x)
+    // = less(*pivot, x); the pivot lies outside [first, last).
+    template <class Before, class After>
+    T* partitionWith(Before beforePivot, After afterPivot, T* first, T* last)
+    {
         T* const start = first;
         T* const stop = last;
         for (;;) {
-            while (first != end_ && less(*first, *pivot))
+            while (first != end_ && beforePivot(*first))
                 ++first;
             if (first == end_)
                 degraded_ = true;
             --last;
-            while (less(*pivot, *last)) {
+            while (afterPivot(*last)) {
                 if (last == begin_) {
                     degraded_ = true;
                     break;
@@ -167,7 +211,13 @@ private:
         T* const stop = moveBudget_ >= 0 || last - begin_ <= kThreshold ? begin_ : last - kThreshold;
         T value = std::move(*last);
         T* next = last - 1;
-        while (less(value, *next)) {
+        auto goesBefore = [&](const T& x) { // less(value, x)
+            if constexpr (HasKey<Comp, T>::value)
+                return Fixed{comp_, value, comp_.key(value)}.after(x);
+            else
+                return less(value, x);
+        };
+        while (goesBefore(*next)) {
             *last = std::move(*next);
             last = next;
             if (last == stop)

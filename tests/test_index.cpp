@@ -300,16 +300,37 @@ TEST(IndexOrder, EqualKeys)
 
 namespace {
 
-// Same order as the standard library's sort, ties included.
+// The same comparator, told to the sort as a key and a rule for ties.
+template <class T, class Key, class Tied>
+struct Keyed {
+    Key keyOf;
+    Tied tiedRule;
+    auto key(const T& a) const { return keyOf(a); }
+    bool tied(const T& a, const T& b) const { return tiedRule(a, b); }
+    bool operator()(const T& a, const T& b) const { return key(a) != key(b) ? key(a) < key(b) : tied(a, b); }
+};
+template <class T, class Key, class Tied>
+Keyed<T, Key, Tied> keyed(Key key, Tied tied)
+{
+    return {key, tied};
+}
+
+// Same order as the standard library's sort, ties included, whether the
+// comparator is a plain one or tells its key.
 void expectSameAsStdSort(const std::vector<int>& keys, const std::string& what)
 {
-    std::vector<std::pair<int, int>> ours, lib; // key, original place
+    using Entry = std::pair<int, int>; // key, original place
+    std::vector<Entry> ours, lib;
     for (size_t i = 0; i < keys.size(); ++i) ours.emplace_back(keys[i], int(i));
     lib = ours;
-    auto byKey = [](const std::pair<int, int>& a, const std::pair<int, int>& b) { return a.first < b.first; };
+    std::vector<Entry> byTheKey = ours;
+    auto byKey = [](const Entry& a, const Entry& b) { return a.first < b.first; };
     orbsort::introsort(ours.data(), ours.data() + ours.size(), byKey);
+    orbsort::introsort(byTheKey.data(), byTheKey.data() + byTheKey.size(),
+                       keyed<Entry>([](const Entry& a) { return a.first; }, [](const Entry&, const Entry&) { return false; }));
     std::sort(lib.begin(), lib.end(), byKey);
     ASSERT_TRUE(ours == lib) << what;
+    ASSERT_TRUE(byTheKey == lib) << what << " (keyed)";
 }
 
 // Keys decided as the standard sort asks, so that every pivot is poor and
@@ -383,6 +404,32 @@ TEST(Sort, InconsistentComparatorsStayInsideTheArray)
         return sortByTime(a, b);
     });
     EXPECT_LT(comparisons, 200L * 20000);
+
+    // The index's own rules, with entries at one instant that order each
+    // other in a circle (a message before the sample, the sample before an
+    // end marker, that marker before the message by file order) and blink
+    // markers of both eyes: told as a key and a rule for ties, the sort
+    // makes every comparison the plain comparator makes, so the orders agree.
+    std::vector<ORBItem> index;
+    for (int i = 0; i < 30000; ++i) {
+        const uint64_t key = 2 * uint64_t(1000 + i / 3);
+        const int32_t at = 100 + 40 * i;
+        switch (rng() % 6) {
+        case 0: index.push_back(entry(at, MESSAGE, key)); break;
+        case 1: index.push_back(entry(at, kEyeMarkerLeft | EFIX, key)); break;
+        case 2: index.push_back(entry(at, kEyeMarkerRight | SBLINK, key)); break;
+        case 3: index.push_back(entry(at, kEyeMarkerLeft | EBLINK, key)); break;
+        default: index.push_back(entry(at, SAMPLE, key)); break;
+        }
+        if (rng() % 50 == 0 && i > 5) std::swap(index[size_t(i)], index[size_t(i) - 1 - rng() % 5]);
+    }
+    std::vector<ORBItem> plain = index, byTheKey = index;
+    orbsort::introsort(plain.data(), plain.data() + plain.size(), [](const ORBItem& a, const ORBItem& b) { return sortByTime(a, b); });
+    const auto byKeyAndTies = keyed<ORBItem>([](const ORBItem& a) { return a.key(); }, sortByTime);
+    static_assert(orbsort::HasKey<std::decay_t<decltype(byKeyAndTies)>, ORBItem>::value, "the sort sees the key");
+    orbsort::introsort(byTheKey.data(), byTheKey.data() + byTheKey.size(), byKeyAndTies);
+    for (size_t i = 0; i < plain.size(); ++i)
+        ASSERT_EQ(std::memcmp(&plain[i], &byTheKey[i], sizeof(ORBItem)), 0) << i;
 }
 
 TEST(Sort, LargeIndexInOverlappingStretches)
