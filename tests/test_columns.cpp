@@ -670,15 +670,18 @@ TEST_F(Columns, FromMemoryAsFromTheFile)
         const std::string path = writeRecording(s);
         std::ifstream in(path, std::ios::binary);
         const std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        ORB_COLUMNS* a = readColumns(path, ReadArgs{});
-        int err = 5;
-        ORB_COLUMNS* b = orb_read_columns_memory(bytes.data(), bytes.size(), 0, 1, 1,
-                                                 ORB_COLUMNS_VELOCITIES | ORB_COLUMNS_CAMERA, nullptr, nullptr,
-                                                 nullptr, nullptr, &err);
-        EXPECT_EQ(err, 0);
-        expectSameColumns(a, b);
-        orb_free_columns(a);
-        orb_free_columns(b);
+        for (int flags : {ORB_COLUMNS_VELOCITIES | ORB_COLUMNS_CAMERA, 0}) {
+            ReadArgs args;
+            args.flags = flags;
+            ORB_COLUMNS* a = readColumns(path, args);
+            int err = 5;
+            ORB_COLUMNS* b = orb_read_columns_memory(bytes.data(), bytes.size(), 0, 1, 1, flags, nullptr, nullptr,
+                                                     nullptr, nullptr, &err);
+            EXPECT_EQ(err, 0);
+            expectSameColumns(a, b);
+            orb_free_columns(a);
+            orb_free_columns(b);
+        }
     }
     int err = 0;
     EXPECT_EQ(orb_read_columns_memory("NOT AN ORB FILE\n", 16, 0, 1, 1, 0, nullptr, nullptr, nullptr, nullptr, &err),
