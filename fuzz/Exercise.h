@@ -252,6 +252,32 @@ inline void exercise(_ORBFILE* f, Transcript& t, size_t steps = SIZE_MAX)
     exerciseBookmarks(f, t);
 }
 
+// Whether two reads of one recording into columns agree: the same rows in
+// every table, the same message text, and the same bytes in every column
+// that both have (reads with different options have different columns).
+inline bool sameColumns(const ORB_COLUMNS* a, const ORB_COLUMNS* b)
+{
+    size_t textA = 0, textB = 0;
+    const char* ta = orb_columns_text(a, &textA);
+    const char* tb = orb_columns_text(b, &textB);
+    if (textA != textB || (textA && std::memcmp(ta, tb, textA) != 0))
+        return false;
+    for (int table = ORB_TABLE_SAMPLES; table <= ORB_TABLE_TRIALS; ++table) {
+        const size_t rows = orb_columns_rows(a, table);
+        if (rows != orb_columns_rows(b, table))
+            return false;
+        for (int i = 0; i < orb_columns_count(a, table); ++i) {
+            ORB_COLUMN x{}, y{};
+            orb_columns_column(a, table, i, &x);
+            if (orb_columns_find(b, table, x.name, &y) != 0)
+                continue;
+            if (x.type != y.type || (rows && std::memcmp(x.data, y.data, rows * orb_column_type_size(x.type)) != 0))
+                return false;
+        }
+    }
+    return true;
+}
+
 } // namespace orbfuzz
 
 #endif

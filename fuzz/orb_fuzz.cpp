@@ -50,17 +50,25 @@ void openEveryWay(const unsigned char* data, size_t size, bool all = true)
             orbfuzz::exercise(f, none, 4096);
             const size_t items = size_t(orb_get_element_count(f));
             orb_close_file(f);
-            // What opens reads into columns too, samples taken either way;
-            // never more rows than items.
-            for (int flags : {0, ORB_COLUMNS_VELOCITIES | ORB_COLUMNS_CAMERA}) {
-                ORB_COLUMNS* c = orb_read_columns_memory(size ? data : nullptr, size, mode, load[0], load[1], flags,
-                                                         nullptr, nullptr, nullptr, nullptr, &err);
+            // What opens reads into columns too, samples taken either way
+            // (from the scan without options, through the sample queue with
+            // them): never more rows than items, and the same values in
+            // every column both reads have.
+            ORB_COLUMNS* reads[2] = {};
+            const int flags[2] = {0, ORB_COLUMNS_VELOCITIES | ORB_COLUMNS_CAMERA};
+            for (int k = 0; k < 2; ++k) {
+                ORB_COLUMNS* c = orb_read_columns_memory(size ? data : nullptr, size, mode, load[0], load[1],
+                                                         flags[k], nullptr, nullptr, nullptr, nullptr, &err);
                 if (!c || err != 0 || orb_columns_items(c) != items ||
                     orb_columns_rows(c, ORB_TABLE_SAMPLES) + orb_columns_rows(c, ORB_TABLE_EVENTS) +
                             orb_columns_rows(c, ORB_TABLE_BLOCKS) > items)
                     __builtin_trap();
-                orb_free_columns(c);
+                reads[k] = c;
             }
+            if (!orbfuzz::sameColumns(reads[0], reads[1]))
+                __builtin_trap();
+            orb_free_columns(reads[0]);
+            orb_free_columns(reads[1]);
         }
     }
 }

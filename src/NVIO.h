@@ -77,6 +77,11 @@ public:
 
     // Bytes consumed so far, counted from the last seek.
     int32_t position() const { return position_; }
+    // Whether position() is the offset of the next byte in the data (it is
+    // not when the last seek went elsewhere than it said, or the counter
+    // has wrapped): then seeking to a position read earlier comes back to
+    // the same byte.
+    virtual bool positionIsOffset() const { return false; }
     // Size of the whole data in bytes; -1 when not known.
     virtual int64_t length() const { return -1; }
 
@@ -109,6 +114,7 @@ public:
     int getRawData(void* buffer, int count) override;
     int seek(long position) override;
     int getTerminatedString(char* buffer, int size) override;
+    bool positionIsOffset() const override { return int64_t(position_) == int64_t(offset()); }
 
 protected:
     // Makes the window hold the bytes that follow it (called only when the

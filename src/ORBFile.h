@@ -74,6 +74,11 @@ public:
     // The sample decoded into the last record next() gave is indexed; its
     // body lies at stream position `position`.
     virtual void sample(int32_t position) = 0;
+    // The scan is over.  `positionsAreOffsets`: every position it filed
+    // was where the item lies, so that reading an item again at its
+    // position reads what the scan read (a stream whose positions were
+    // counted from elsewhere, or wrapped, re-reads other bytes).
+    virtual void end(bool positionsAreOffsets) = 0;
 
 protected:
     ~ScannedSamples() = default;

@@ -187,9 +187,11 @@ size_t PreScanner::finalEntries() const
 void PreScanner::run()
 {
     reserveIndex();
-    if (f_.scannedSamples && f_.loadSamples) {
+    ScannedSamples* const receiver = f_.loadSamples ? f_.scannedSamples : nullptr;
+    const bool trueStart = f_.stream->positionIsOffset();
+    if (receiver) {
         const int32_t at = std::max(f_.stream->position(), 0);
-        f_.scannedSamples->begin(streamBytes_ > uint64_t(at) ? int64_t(streamBytes_ - uint64_t(at)) : -1);
+        receiver->begin(streamBytes_ > uint64_t(at) ? int64_t(streamBytes_ - uint64_t(at)) : -1);
     }
     size_t nextPublish = kPublishEvery;
     for (;;) {
@@ -218,6 +220,8 @@ void PreScanner::run()
         if (!more)
             break;
     }
+    if (receiver)
+        receiver->end(trueStart && f_.stream->positionIsOffset());
     sorter_.finish();
 }
 

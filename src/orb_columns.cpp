@@ -159,6 +159,7 @@ public:
     void begin(int64_t bytes) override;
     Sample* next() override;
     void sample(int32_t position) override;
+    void end(bool positionsAreOffsets) override { scanning_ = scanning_ && positionsAreOffsets; }
 
 private:
     // Allocates the tables, but for the sample rows when they are kept.
@@ -327,7 +328,9 @@ int32_t ColumnReader::trialOf(size_t index)
 // Whether the samples the pre-scan decoded in stream order are the ones the
 // cursor hands out from its sample queue, in the same order and with the
 // same values.  So they are when the queue would hold just the stream's
-// samples in stream order and decode each with the same state:
+// samples in stream order and decode each with the same state (the scan
+// has told already whether reading an item again at its position reads the
+// same bytes):
 //  - the index holds every sample of the stream once, in stream order,
 //    under strictly increasing keys (no placeholders, none dropped, none
 //    filed under another key);
