@@ -155,6 +155,12 @@ public:
     }
     // Writes the gathered rows into the columns.
     void flush();
+    // Drops the written rows from `rows` on (all rows are written).
+    void truncate(size_t rows)
+    {
+        if (pending_ == 0 && rows < rows_)
+            rows_ = rows;
+    }
     // Whether as many rows are appended as the table can take.
     bool full() const { return rows_ + pending_ >= capacity_; }
     // The rows written into the columns so far, as another thread sees

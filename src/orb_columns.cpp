@@ -283,6 +283,10 @@ std::unique_ptr<ORB_COLUMNS> ColumnReader::run(ORBFile& file)
             ahead = std::make_unique<Prefaulter>(samples);
         walk(scannedRows);
     }
+    // A walk that ended early (an item of code 0 ends the cursor's walk
+    // too) leaves the scanned rows after it out.
+    if (scannedRows)
+        samples.truncate(scannedRow_);
     addTrials();
     for (Table& t : c_->tables)
         t.flush();

@@ -695,7 +695,8 @@ TEST_F(Columns, FromMemoryAsFromTheFile)
 // where the two could part: pupil sizes carried over a gap, blocks with
 // different scales, a block start written after its first samples, samples
 // before any block, steps instead of full times, three samples in one
-// millisecond, and a block start without its rate.
+// millisecond, an item that ends the walk early, and a block start without
+// its rate.
 TEST_F(Columns, SamplesStraightFromTheStreamOnlyWhereTheQueueWouldAgree)
 {
     auto stepped = [](uint8_t step, uint16_t more = 0) {
@@ -755,6 +756,15 @@ TEST_F(Columns, SamplesStraightFromTheStreamOnlyWhereTheQueueWouldAgree)
         for (int i = 0; i < 300; ++i) w.add(stepped(1));
         endBlock(w, 2000);
         cases.emplace_back("steps and three samples in a millisecond", w);
+    }
+    {
+        OrbWriter w; // an item of code 0 ends the cursor's walk, and the columns with it
+        startBlock(w, 1000);
+        addSampleRun(w, 1000, 1300);
+        w.add(EventItem(0, 1).start(1300)); // a tag with an eye but no type
+        addSampleRun(w, 1301, 1700);
+        endBlock(w, 1701);
+        cases.emplace_back("an item of code 0 amid the samples", w);
     }
     {
         OrbWriter w; // the second block start carries no rate: the rate of the first decides
