@@ -79,11 +79,17 @@ void cameraValues(_ORBFILE* h, const FSAMPLE& s, CameraRow& c)
 // every page, and pages past the last row stay untouched.
 class PagesAhead {
 public:
+    // `bounded`: the table has room for far more rows than it will get, so
+    // pages are made present only a little ahead of the writer; otherwise
+    // as far ahead as the thread gets.
+    explicit PagesAhead(bool bounded) : bounded_(bounded) {}
+
     // One stretch, when the writer is near enough: false when there is
     // nothing to do now.
     bool step(const Table& table)
     {
-        if (done_ || row_ >= table.capacity() || row_ + kRowsEach > table.flushedRows() + kRowsAhead)
+        if (done_ || row_ >= table.capacity() ||
+            (bounded_ && row_ + kRowsEach > table.flushedRows() + kRowsAhead))
             return false;
         done_ = !table.prefault(row_, row_ + kRowsEach); // not again where the system cannot
         row_ += kRowsEach;
@@ -98,6 +104,7 @@ public:
     static constexpr size_t kRowsAhead = 2 * kRowsEach;
 
 private:
+    const bool bounded_;
     size_t row_ = 0;
     bool done_ = false;
 };
@@ -105,12 +112,12 @@ private:
 // PagesAhead on a thread of its own, until the reader is done.
 class Prefaulter {
 public:
-    explicit Prefaulter(const Table& table)
+    Prefaulter(const Table& table, bool bounded)
     {
         if (table.capacity() < PagesAhead::kRowsEach)
             return;
-        thread_ = std::thread([this, &table] {
-            PagesAhead pages;
+        thread_ = std::thread([this, &table, bounded] {
+            PagesAhead pages(bounded);
             while (!pages.finished(table) && !stop_.load(std::memory_order_relaxed))
                 if (!pages.step(table))
                     std::this_thread::sleep_for(std::chrono::microseconds(100));
@@ -232,7 +239,7 @@ void ColumnReader::begin(int64_t bytes)
     }
     scanning_ = true;
     scanBytes_ = double(bytes);
-    scanPages_ = std::make_unique<Prefaulter>(c_->tables[ORB_TABLE_SAMPLES]);
+    scanPages_ = std::make_unique<Prefaulter>(c_->tables[ORB_TABLE_SAMPLES], true);
 }
 
 static_assert(sizeof(Sample) == sizeof(FSAMPLE), "a sample is decoded in place of the row's record");
@@ -280,7 +287,7 @@ std::unique_ptr<ORB_COLUMNS> ColumnReader::run(ORBFile& file)
         // The queue's rows are written as the walk goes.
         std::unique_ptr<Prefaulter> ahead;
         if (!scannedRows)
-            ahead = std::make_unique<Prefaulter>(samples);
+            ahead = std::make_unique<Prefaulter>(samples, false); // every row of it will be written
         walk(scannedRows);
     }
     // A walk that ended early (an item of code 0 ends the cursor's walk
