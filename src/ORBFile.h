@@ -59,6 +59,9 @@ int inflateInto(FILE* source, const std::function<bool(const unsigned char*, siz
 // What the cursor hands out for a copy of a queued sample of index entry
 // `item`: blink repairs and the half-millisecond flag applied.
 void finishSample(FSAMPLE& fs, const ORBItem& item);
+// Whether the sample of index entry `item`, of time `time`, is the second
+// of its millisecond (it then gets the half-millisecond flag).
+inline bool secondInItsMillisecond(const ORBItem& item, uint32_t time) { return item.key() != 2ull * time; }
 
 // Receives the samples the pre-scan puts in the index, in stream order, each
 // decoded whole into a record of the receiver's that started out zeroed: a

@@ -134,7 +134,7 @@ void finishSample(FSAMPLE& fs, const ORBItem& item)
         maskEye(fs, 0);
     if (item.type & kFlagEye1)
         maskEye(fs, 1);
-    if (item.key() != 2ull * fs.time)
+    if (secondInItsMillisecond(item, fs.time))
         fs.flags = uint16_t(fs.flags | kHalfMillisecond);
 }
 

@@ -73,54 +73,29 @@ void cameraValues(_ORBFILE* h, const FSAMPLE& s, CameraRow& c)
     c.windowY = wh[1];
 }
 
-// Makes the pages of a table's columns present a stretch of rows at a time,
-// a little ahead of the rows written: the system's work of providing fresh
-// memory is done on a second thread instead of interrupting the writer at
-// every page, and pages past the last row stay untouched.
-class PagesAhead {
-public:
-    // `bounded`: the table has room for far more rows than it will get, so
-    // pages are made present only a little ahead of the writer; otherwise
-    // as far ahead as the thread gets.
-    explicit PagesAhead(bool bounded) : bounded_(bounded) {}
-
-    // One stretch, when the writer is near enough: false when there is
-    // nothing to do now.
-    bool step(const Table& table)
-    {
-        if (done_ || row_ >= table.capacity() ||
-            (bounded_ && row_ + kRowsEach > table.flushedRows() + kRowsAhead))
-            return false;
-        done_ = !table.prefault(row_, row_ + kRowsEach); // not again where the system cannot
-        row_ += kRowsEach;
-        return !done_;
-    }
-    // Whether there is nothing left to do at all.
-    bool finished(const Table& table) const { return done_ || row_ >= table.capacity(); }
-
-    // Stretches of rows made present at once, and how far past the rows
-    // written they may reach (pages ahead count as memory held).
-    static constexpr size_t kRowsEach = size_t(1) << 14;
-    static constexpr size_t kRowsAhead = 2 * kRowsEach;
-
-private:
-    const bool bounded_;
-    size_t row_ = 0;
-    bool done_ = false;
-};
-
-// PagesAhead on a thread of its own, until the reader is done.
+// Makes the pages of a table's columns present on a second thread, a
+// stretch of rows at a time: the system's work of providing fresh memory is
+// done there instead of interrupting the writer at every page.  `bounded`:
+// the table has room for far more rows than it will get, so pages are made
+// present only a little ahead of the rows written (pages ahead count as
+// memory held); otherwise as far ahead as the thread gets.  Stops when the
+// reader is done, or where the system cannot.
 class Prefaulter {
 public:
     Prefaulter(const Table& table, bool bounded)
     {
-        if (table.capacity() < PagesAhead::kRowsEach)
+        if (table.capacity() < kRowsEach)
             return;
         thread_ = std::thread([this, &table, bounded] {
-            PagesAhead pages(bounded);
-            while (!pages.finished(table) && !stop_.load(std::memory_order_relaxed))
-                if (!pages.step(table))
+            for (size_t row = 0; row < table.capacity() && !stop_.load(std::memory_order_relaxed);) {
+                if (bounded && row + kRowsEach > table.flushedRows() + kRowsAhead) {
                     std::this_thread::sleep_for(std::chrono::microseconds(100));
+                    continue;
+                }
+                if (!table.prefault(row, row + kRowsEach))
+                    return;
+                row += kRowsEach;
+            }
         });
     }
     ~Prefaulter()
@@ -133,6 +108,8 @@ public:
     Prefaulter& operator=(const Prefaulter&) = delete;
 
 private:
+    static constexpr size_t kRowsEach = size_t(1) << 14;
+    static constexpr size_t kRowsAhead = 2 * kRowsEach;
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };
@@ -391,7 +368,7 @@ void ColumnReader::completeScannedRow(size_t index, int32_t block)
         f_->adjustTime(fs.time);
         samples.writeRow(row, kFromSample, &fs);
     } else {
-        if (item.timeKey != 2ull * time) // a sample entry's key is its own
+        if (secondInItsMillisecond(item, time))
             scannedColumns_.flags[row] = uint16_t(scannedColumns_.flags[row] | kHalfMillisecond);
         if (!f_->timeFixupOff)
             f_->adjustTime(time);
