@@ -277,14 +277,20 @@ class ViewData:
         edges = start + (end - start) * (np.arange(columns, dtype=np.float64) / columns)
         first = np.searchsorted(t, edges, "left")
         empty = np.diff(np.r_[first, i1]) == 0
-        at = np.minimum(first, t.size - 1)
+        # reduceat takes a column to run up to the next one's first sample:
+        # columns past the last sample take no part, and the last column
+        # stops at the span's end, not at the recording's.
+        have = first < t.size
+        at = first[have]
+        tail = slice(first[-1], i1)
         series = {}
         for k, v in self.series.items():
-            lo, hi = np.fmin.reduceat(v, at), np.fmax.reduceat(v, at)
-            # reduceat gives an empty column the value at its start; and the
-            # last column must stop at the span's end, not the recording's.
-            lo[-1], hi[-1] = (np.fmin.reduce(v[first[-1]:i1]), np.fmax.reduce(v[first[-1]:i1])) \
-                if i1 > first[-1] else (np.nan, np.nan)
+            lo = np.full(columns, np.nan, dtype=v.dtype)
+            hi = lo.copy()
+            if at.size:
+                lo[have], hi[have] = np.fmin.reduceat(v, at), np.fmax.reduceat(v, at)
+            if i1 > first[-1]:
+                lo[-1], hi[-1] = np.fmin.reduce(v[tail]), np.fmax.reduce(v[tail])
             lo[empty], hi[empty] = np.nan, np.nan
             series[k] = {"min": encode(lo), "max": encode(hi)}
         out.update(mode="minmax", series=series)
