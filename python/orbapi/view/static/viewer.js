@@ -465,6 +465,7 @@
     if (!sc) return;
     const ctx = u.ctx, dpr = devicePixelRatio;
     const X = (v) => u.valToPos(v, "x", true), Y = (v) => u.valToPos(v, "y", true);
+    const over = u.over.getBoundingClientRect();
     ctx.save();
     ctx.beginPath();
     ctx.rect(u.bbox.left, u.bbox.top, u.bbox.width, u.bbox.height);
@@ -499,7 +500,8 @@
         ctx.fillStyle = "#111";
         ctx.fillText(String(number), px, py);
       }
-      drawn.circles.push({ eye: f.eye, number, x: f.x, y: f.y, r, px, py, start: f.start, end: f.end, duration: f.duration, event: f });
+      drawn.circles.push({ eye: f.eye, number, x: f.x, y: f.y, r, px, py, start: f.start, end: f.end, duration: f.duration, event: f,
+        client: [over.left + (px - u.bbox.left) / dpr, over.top + (py - u.bbox.top) / dpr] });
     }
     ctx.restore();
     const total = sc.fixations_total, shown = sc.fixations.length;
