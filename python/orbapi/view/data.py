@@ -127,7 +127,7 @@ class ViewData:
         order = np.argsort(start, kind="stable")
         out = {"start": start[order],
                "end": np.asarray(t.get("end_time", np.zeros(0)), dtype=np.float64)[order],
-               "eye": np.asarray(t.get("eye", np.zeros(0)), dtype=np.int64)[order]}
+               "eye": np.asarray(t.get("eye", np.zeros(0)), dtype=np.int8)[order]}
         n = start.size
         if not n:
             out.update(reach=np.zeros(0), x=np.zeros(0), y=np.zeros(0))
@@ -138,8 +138,7 @@ class ViewData:
         if kind == "fixations":
             x, y = get("avg_gaze_x"), get("avg_gaze_y")
             have = stored & ((contents & _AVG_GAZE) != 0)
-            for i in np.flatnonzero(~have):
-                x[i], y[i] = self._mean_gaze(out["eye"][i], out["start"][i], out["end"][i])
+            self._fill(x, y, out["eye"], ~have, self._mean_gaze(out["start"], out["end"]))
             pupil = get("avg_pupil")
             pupil[(contents & _AVG_PUPIL) != _AVG_PUPIL] = np.nan
             out.update(x=x, y=y, pupil=pupil)
@@ -147,8 +146,7 @@ class ViewData:
             for part, bit, at in (("start", _START_GAZE, out["start"]), ("end", _END_GAZE, out["end"])):
                 x, y = get(f"{part}_gaze_x"), get(f"{part}_gaze_y")
                 have = stored & ((contents & bit) != 0)
-                for i in np.flatnonzero(~have):
-                    x[i], y[i] = self._gaze_at(out["eye"][i], at[i])
+                self._fill(x, y, out["eye"], ~have, self._gaze_at(at))
                 out[f"{part}_x"], out[f"{part}_y"] = x, y
         # The latest end of the events so far: the first event that can
         # overlap a span is found by a binary search on it.
@@ -160,20 +158,33 @@ class ViewData:
         name = EYES[eye] if 0 <= eye < 2 else "left"
         return self.series.get(f"gaze_x_{name}"), self.series.get(f"gaze_y_{name}")
 
-    def _mean_gaze(self, eye, start, end):
-        x, y = self._eye_series(int(eye))
-        i0 = int(np.searchsorted(self.time, start, "left"))
-        i1 = int(np.searchsorted(self.time, end, "right"))
-        if x is None or i1 <= i0 or not np.isfinite(x[i0:i1]).any():
-            return math.nan, math.nan
-        return float(np.nanmean(x[i0:i1])), float(np.nanmean(y[i0:i1]))
+    def _fill(self, x, y, eyes, lacking, where):
+        """Fills `x`, `y` where `lacking` with where(series, rows) of the
+        gaze of each row's eye."""
+        for eye in np.unique(eyes[lacking]):
+            rows = np.flatnonzero(lacking & (eyes == eye))
+            for out, v in zip((x, y), self._eye_series(int(eye))):
+                out[rows] = np.nan if v is None else where(v, rows)
 
-    def _gaze_at(self, eye, t):
-        x, y = self._eye_series(int(eye))
-        i = int(np.searchsorted(self.time, t, "left"))
-        if x is None or i >= self.time.size:
-            return math.nan, math.nan
-        return float(x[i]), float(y[i])
+    def _mean_gaze(self, start, end):
+        """where() for _fill: the mean gaze from `start` to `end` ms."""
+        def mean(v, rows):
+            ok = np.isfinite(v)
+            total = np.r_[0.0, np.cumsum(np.where(ok, v, 0.0), dtype=np.float64)]
+            count = np.r_[0, np.cumsum(ok)]
+            i0 = np.searchsorted(self.time, start[rows], "left")
+            i1 = np.searchsorted(self.time, end[rows], "right")
+            n = count[i1] - count[i0]
+            with np.errstate(invalid="ignore", divide="ignore"):
+                return np.where(n > 0, (total[i1] - total[i0]) / n, np.nan)
+        return mean
+
+    def _gaze_at(self, at):
+        """where() for _fill: the gaze at the first sample at or after `at` ms."""
+        def first(v, rows):
+            i = np.searchsorted(self.time, at[rows], "left")
+            return np.where(i < v.size, v[np.minimum(i, v.size - 1)], np.nan)
+        return first
 
     def _extent(self, recording):
         firsts = [a for a in (self.time[:1], self.message_time[:1]) if a.size]
@@ -233,6 +244,7 @@ class ViewData:
         for axis in ("x", "y"):
             v = [self.series[k] for k in (f"gaze_{axis}_left", f"gaze_{axis}_right") if k in self.series]
             v = np.concatenate(v) if v else np.zeros(0, np.float32)
+            v = v[:: max(1, v.size // 500000)]  # a quantile needs no more
             v = v[np.isfinite(v)]
             out.append(max(1.0, float(np.percentile(v, 99.9)) * 1.05 if v.size else 1.0))
         return [out[0], max(out[1], out[0] / 2)]
@@ -345,21 +357,24 @@ class ViewData:
 
     def scanpath(self, start: float, end: float) -> dict:
         """The fixations and saccades that overlap `start`..`end` ms, in
-        order, with their positions; every n-th only when there are more than
-        MAX_SCANPATH (``total`` says how many there are)."""
+        order of their starts, as columns (``start``, ``end``, ``duration``,
+        ``eye`` 0 left 1 right, then ``x``, ``y``, ``pupil`` of fixations or
+        ``start_x`` ... ``end_y`` of saccades); every n-th only when there
+        are more than MAX_SCANPATH (``total`` says how many there are)."""
         self._span(start, end)
         out = {"start": start, "end": end, "screen": self.screen}
-        for kind in ("fixations", "saccades"):
+        for kind, fields in (("fixations", ("x", "y", "pupil")),
+                             ("saccades", ("start_x", "start_y", "end_x", "end_y"))):
             e = self.events[kind]
             i0, i1 = self._overlapping(kind, start, end)
             rows = i0 + np.flatnonzero(e["end"][i0:i1] >= start)
             total = int(rows.size)
             if rows.size > MAX_SCANPATH:
                 rows = rows[np.linspace(0, rows.size - 1, MAX_SCANPATH).round().astype(np.int64)]
-            out[kind] = [self._event(kind, e, int(i)) for i in rows]
-            out[kind + "_total"] = total
+            cols = {k: encode(e[k][rows]) for k in ("start", "end", "eye") + fields}
+            cols["duration"] = encode(e["end"][rows] - e["start"][rows])
+            out[kind] = {"total": total, "columns": cols}
         return out
-
 
 def _trial_rows(trials) -> list[dict]:
     """The trials table as a list of dicts, one per trial."""

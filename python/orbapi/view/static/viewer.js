@@ -51,7 +51,7 @@
     const bin = atob(o.b64);
     const bytes = new Uint8Array(bin.length);
     for (let i = 0; i < bin.length; i++) bytes[i] = bin.charCodeAt(i);
-    const Kind = { f4: Float32Array, f8: Float64Array, i4: Int32Array }[o.dtype];
+    const Kind = { f4: Float32Array, f8: Float64Array, i4: Int32Array, i1: Int8Array }[o.dtype];
     return new Kind(bytes.buffer);
   }
 
@@ -103,6 +103,20 @@
     return out;
   }
   const eyesOf = (s, key) => ["left", "right"].filter((e) => s.series[`${key}_${e}`]);
+
+  // The scanpath's columns as one object per fixation and saccade.
+  function scanRows(r) {
+    const rows = (table, kind) => {
+      const cols = Object.fromEntries(Object.entries(table.columns).map(([k, v]) => [k, decode(v)]));
+      return Array.from(cols.start, (_, i) => {
+        const o = { kind, eye: cols.eye[i] === 0 ? "left" : cols.eye[i] === 1 ? "right" : String(cols.eye[i]) };
+        for (const k of Object.keys(cols)) if (k !== "eye") o[k] = num(cols[k][i]);
+        return o;
+      });
+    };
+    return { start: r.start, end: r.end, fixations: rows(r.fixations, "fixation"), saccades: rows(r.saccades, "saccade"),
+      fixations_total: r.fixations.total, saccades_total: r.saccades.total };
+  }
 
   // -- the view -------------------------------------------------------------
   function plotWidth() {
@@ -195,7 +209,7 @@
     const sc = state.scan;
     if (!sc || sc.start !== +sa.toFixed(3) || sc.end !== +Math.max(sb, sa + 0.001).toFixed(3)) {
       const p = { start: sa.toFixed(3), end: Math.max(sb, sa + 0.001).toFixed(3) };
-      jobs.push(get("/api/scanpath", p).then((r) => { if (gen === generation) state.scan = r; }));
+      jobs.push(get("/api/scanpath", p).then((r) => { if (gen === generation) state.scan = scanRows(r); }));
     }
     if (!jobs.length) return;
     try {
