@@ -15,7 +15,7 @@ import orbapi
 from orbapi import cli
 from orbapi.recording import Recording
 from orbapi.view import load
-from orbapi.view.data import MAX_COLUMNS, decode
+from orbapi.view.data import MAX_COLUMNS, MAX_SCANPATH, decode
 from orbapi.view.server import ViewServer
 
 EXAMPLE = os.path.join(os.path.dirname(__file__), "..", "..", "examples", "example.orb")
@@ -156,13 +156,18 @@ def union(starts, ends):
     return out
 
 
+def served_trial(serve, make_recording, trial):
+    """A recording of three trials served: (recording, server, start and end
+    of `trial`)."""
+    path = make_recording(trials=3)
+    rec = orbapi.read(path)
+    row = rec.trials.iloc[trial]
+    return rec, serve(path), float(row.start_time), float(row.end_time)
+
+
 class TestEvents:
     def test_fine_spans_are_the_events_of_both_eyes(self, serve, make_recording):
-        path = make_recording(trials=3)
-        rec = orbapi.read(path)
-        server = serve(path)
-        trial = rec.trials.iloc[1]
-        start, end = float(trial.start_time), float(trial.end_time)
+        rec, server, start, end = served_trial(serve, make_recording, 1)
         status, body = request(server, f"/api/events?start={start}&end={end}&columns=2000")
         assert status == 200
         for kind in ("fixations", "saccades", "blinks"):
@@ -195,11 +200,7 @@ class TestEvents:
         assert len(body["messages"]) <= 10
 
     def test_scanpath_holds_the_fixations_and_saccades_of_the_span(self, serve, make_recording):
-        path = make_recording(trials=3)
-        rec = orbapi.read(path)
-        server = serve(path)
-        trial = rec.trials.iloc[2]
-        start, end = float(trial.start_time), float(trial.end_time)
+        rec, server, start, end = served_trial(serve, make_recording, 2)
         status, body = request(server, f"/api/scanpath?start={start}&end={end}")
         fix = rec.fixations[(rec.fixations.end_time >= start) & (rec.fixations.start_time <= end)]
         fixations, saccades = scan_rows(body, "fixations"), scan_rows(body, "saccades")
@@ -225,6 +226,26 @@ class TestEvents:
         fixations = scan_rows(body, "fixations")
         assert {(f["x"], f["y"]) for f in fixations} == {(400.0, 300.0), (800.0, 300.0)}
         assert all(f["pupil"] is None for f in fixations)  # not stored: not zero
+
+
+    def test_many_fixations_are_thinned_and_unstored_positions_are_means(self, serve):
+        # 2500 fixations of 10 ms without stored positions, on gaze that
+        # climbs 1 px a ms: each one's position is the mean of its samples.
+        time = np.arange(30000, dtype=np.float64)
+        gaze = time.astype(np.float32)
+        n = 2500
+        starts = np.arange(n, dtype=np.uint32) * 12
+        fix = {"start_time": starts, "end_time": starts + 9, "eye": np.zeros(n, np.int16),
+               "contents": np.zeros(n, np.uint16), "avg_gaze_x": np.zeros(n, np.float32),
+               "avg_gaze_y": np.zeros(n, np.float32), "avg_pupil": np.zeros(n, np.float32)}
+        rec = Recording.from_tables({"samples": {"time": time, "gaze_x_left": gaze, "gaze_y_left": gaze},
+                                     "fixations": fix})
+        server = serve(rec)
+        status, body = request(server, "/api/scanpath?start=0&end=30000")
+        rows = scan_rows(body, "fixations")
+        assert body["fixations"]["total"] == n and len(rows) == MAX_SCANPATH
+        assert rows[0]["start"] == 0 and rows[-1]["start"] == float(starts[-1])
+        assert all(r["x"] == r["start"] + 4.5 and r["y"] == r["x"] and r["pupil"] is None for r in rows)
 
 
 class TestPageAndRefusals:

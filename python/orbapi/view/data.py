@@ -130,7 +130,8 @@ class ViewData:
                "eye": np.asarray(t.get("eye", np.zeros(0)), dtype=np.int8)[order]}
         n = start.size
         if not n:
-            out.update(reach=np.zeros(0), x=np.zeros(0), y=np.zeros(0))
+            fields = ("x", "y", "pupil") if kind == "fixations" else ("start_x", "start_y", "end_x", "end_y")
+            out.update({k: np.zeros(0) for k in ("reach", "row") + fields})
             return out
         contents = np.asarray(t["contents"], dtype=np.int64)[order]
         stored = (contents & _GAZE_WORDS) != 0

@@ -118,6 +118,8 @@ class _Handler(BaseHTTPRequestHandler):
             self._answer()
         except RequestError as e:
             self._error(e.status, str(e))
+        except Exception as e:  # noqa: BLE001 - told to the page, the server goes on
+            self._error(500, f"the viewer failed to answer {self.path[:200]!r}: {type(e).__name__}: {e}")
 
     do_HEAD = do_GET  # noqa: N815
 
