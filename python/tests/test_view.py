@@ -15,7 +15,7 @@ import orbapi
 from orbapi import cli
 from orbapi.recording import Recording
 from orbapi.view import load
-from orbapi.view.data import MAX_COLUMNS, MAX_SCANPATH, decode
+from orbapi.view.data import MAX_COLUMNS, MAX_SCANPATH, _MinMax, decode
 from orbapi.view.server import ViewServer
 
 EXAMPLE = os.path.join(os.path.dirname(__file__), "..", "..", "examples", "example.orb")
@@ -87,6 +87,9 @@ class TestSamples:
         (987.3, 31234.7, 1013),                  # edges anywhere, span wider than the recording
         (5000.25, 9000.75, 333),                 # across the pause and the block change
         (12000.0, 12400.0, 50),                  # the spike in one column
+        # Columns of thousands of samples: read mostly from buckets.
+        (1000.0, 1000.0 + 4 * 5120.0, 4),        # edges on samples
+        (987.3, 31234.7, 3),                     # edges anywhere
     ])
     def test_minmax_keeps_every_columns_smallest_and_largest(self, serve, start, end, columns):
         rec = synthetic()
@@ -101,6 +104,22 @@ class TestSamples:
             np.testing.assert_array_equal(decode(arrays["max"]), hi.astype(np.float32), err_msg=name)
         assert body["count"] == int(((t >= start) & (t <= end)).sum())
         assert len(body["series"]) == 6
+
+    @pytest.mark.parametrize("samples_per_column", [1 << 30, 40])  # the samples alone; buckets
+    def test_runs_of_any_length_and_place(self, monkeypatch, samples_per_column):
+        monkeypatch.setattr(_MinMax, "SAMPLES", samples_per_column)
+        rng = np.random.default_rng(7)
+        for _ in range(200):
+            n = int(rng.integers(1, 3000))
+            v = rng.normal(size=n).astype(np.float32)
+            v[rng.random(n) < 0.3] = np.nan
+            cuts = np.sort(rng.integers(0, n + 1, int(rng.integers(2, 40))))
+            lo, hi = _MinMax({"v": v}).columns(cuts[:-1], cuts[1:])("v", v)
+            for k in range(cuts.size - 1):
+                run = v[cuts[k]:cuts[k + 1]]
+                run = run[np.isfinite(run)]
+                want = (run.min(), run.max()) if run.size else (np.nan, np.nan)
+                np.testing.assert_array_equal([lo[k], hi[k]], want)
 
     def test_minmax_of_an_hour_is_bounded_by_the_columns(self, serve):
         time = np.arange(3_600_000, dtype=np.float64)

@@ -101,6 +101,7 @@ class ViewData:
                     v = pick(_float32(cols[key]))
                     if np.isfinite(v).any():
                         self.series[key] = v
+        self._minmax = _MinMax(self.series)
         steps = np.diff(self.time[:4097])
         steps = steps[steps > 0]
         #: Samples further apart than this (ms) are not joined by a line.
@@ -289,22 +290,10 @@ class ViewData:
             return out
         edges = start + (end - start) * (np.arange(columns, dtype=np.float64) / columns)
         first = np.searchsorted(t, edges, "left")
-        empty = np.diff(np.r_[first, i1]) == 0
-        # reduceat takes a column to run up to the next one's first sample:
-        # columns past the last sample take no part, and the last column
-        # stops at the span's end, not at the recording's.
-        have = first < t.size
-        at = first[have]
-        tail = slice(first[-1], i1)
+        reduce = self._minmax.columns(first, np.r_[first[1:], i1])
         series = {}
         for k, v in self.series.items():
-            lo = np.full(columns, np.nan, dtype=v.dtype)
-            hi = lo.copy()
-            if at.size:
-                lo[have], hi[have] = np.fmin.reduceat(v, at), np.fmax.reduceat(v, at)
-            if i1 > first[-1]:
-                lo[-1], hi[-1] = np.fmin.reduce(v[tail]), np.fmax.reduce(v[tail])
-            lo[empty], hi[empty] = np.nan, np.nan
+            lo, hi = reduce(k, v)
             series[k] = {"min": encode(lo), "max": encode(hi)}
         out.update(mode="minmax", series=series)
         return out
@@ -314,21 +303,25 @@ class ViewData:
         e = self.events[kind]
         return int(np.searchsorted(e["reach"], start, "left")), int(np.searchsorted(e["start"], end, "right"))
 
-    def _event(self, kind, e, i) -> dict:
-        d = {"kind": kind[:-1], "eye": EYES[int(e["eye"][i])] if 0 <= e["eye"][i] < 2 else str(e["eye"][i]),
-             "start": float(e["start"][i]), "end": float(e["end"][i]),
-             "duration": float(e["end"][i] - e["start"][i])}
+    def _events(self, kind, e, rows) -> list[dict]:
+        """The events at positions `rows` of `e`, one dict each."""
+        eyes = e["eye"][rows].tolist()
+        cols = {"start": e["start"][rows], "end": e["end"][rows]}
+        cols["duration"] = cols["end"] - cols["start"]
         for k in ("x", "y", "pupil", "start_x", "start_y", "end_x", "end_y"):
             if k in e:
-                d[k] = _number(e[k][i])
-        return d
+                cols[k] = e[k][rows]
+        lists = {k: [None if v != v else v for v in a.tolist()] for k, a in cols.items()}  # NaN: None
+        name = kind[:-1]
+        return [{"kind": name, "eye": EYES[eye] if 0 <= eye < 2 else str(eye),
+                 **{k: lists[k][i] for k in lists}} for i, eye in enumerate(eyes)]
 
     def events_in(self, start: float, end: float, columns: int) -> dict:
         """The fixations, saccades and blinks from `start` to `end` ms as
         shades, and the messages as ticks, for a chart `columns` pixels wide.
         Events of both eyes whose spans overlap or lie less than a column
         apart are merged into one shade (``n`` events, listed in ``events``
-        when they are few); messages in one column make one tick with the
+        when they are few and the shade at least a column wide); messages in one column make one tick with the
         first one's text and their number."""
         self._span(start, end, columns)
         width = (end - start) / columns
@@ -342,11 +335,13 @@ class ViewData:
             firsts = np.flatnonzero(np.r_[True, s[1:] - reach[:-1] >= width]) if rows.size else rows
             counts = np.diff(np.r_[firsts, rows.size])
             ends = np.maximum.reduceat(f, firsts) if rows.size else f
+            # A shade lists its events when they are few and it is wide
+            # enough to point at; those events are made at once.
+            lists = (counts <= MAX_LISTED) & (ends - s[firsts] >= width) if rows.size else counts > 0
+            events = iter(self._events(kind, e, rows[np.repeat(lists, counts)]))
             spans[kind] = [
-                {"start": float(s[j]), "end": float(ends[g]), "n": int(counts[g]),
-                 "events": [self._event(kind, e, int(i)) for i in rows[j:j + counts[g]]]
-                 if counts[g] <= MAX_LISTED else []}
-                for g, j in enumerate(firsts)]
+                {"start": a, "end": b, "n": n, "events": [next(events) for _ in range(n)] if show else []}
+                for a, b, n, show in zip(s[firsts].tolist(), ends.tolist(), counts.tolist(), lists.tolist())]
         m0 = int(np.searchsorted(self.message_time, start, "left"))
         m1 = int(np.searchsorted(self.message_time, end, "right"))
         column = ((self.message_time[m0:m1] - start) / width).astype(np.int64)
@@ -376,6 +371,82 @@ class ViewData:
             cols["duration"] = encode(e["end"][rows] - e["start"][rows])
             out[kind] = {"total": total, "columns": cols}
         return out
+
+class _MinMax:
+    """Smallest and largest value of stretches of samples, from the samples
+    themselves, or, where the columns hold more than SAMPLES samples each,
+    mostly from the smallest and largest value of each bucket of BUCKET
+    samples, made once: such a column then reads its buckets and the fewer
+    than 2 * BUCKET samples at its ends.  A pass over the samples costs per
+    sample, the buckets per column: on this machine they cost the same at
+    about 6,000 samples a column."""
+
+    BUCKET = 32
+    SAMPLES = 4096
+
+    def __init__(self, series):
+        b = self.BUCKET
+        self.levels = {}
+        for k, v in series.items():
+            whole = v[: v.size // b * b].reshape(-1, b)
+            pad = np.full(1, np.nan, v.dtype)  # so that the index past the last bucket is one
+            self.levels[k] = (np.r_[np.fmin.reduce(whole, axis=1), pad], np.r_[np.fmax.reduce(whole, axis=1), pad])
+
+    def _ends(self, starts, stops):
+        """A function v -> (fmin, fmax) of v[starts[i]:stops[i]] for each i
+        (NaN where empty), for runs shorter than BUCKET: row j of a gather
+        holds the j-th sample of every run, or its last one again past its
+        end, so that the rows reduce into one another."""
+        index = np.maximum(np.minimum(starts[None, :] + np.arange(self.BUCKET)[:, None], stops - 1), 0)
+        empty = stops <= starts
+
+        def reduce(v):
+            rows = v[index]
+            lo, hi = np.fmin.reduce(rows, axis=0), np.fmax.reduce(rows, axis=0)
+            lo[empty], hi[empty] = np.nan, np.nan
+            return lo, hi
+        return reduce
+
+    @staticmethod
+    def _adjacent(v, a, b):
+        """fmin and fmax of v[a[k]:b[k]] for columns that follow one another:
+        reduceat runs each up to the next one that has samples, which is
+        where it ends, but the last one up to the end of `v`."""
+        lo = np.full(a.size, np.nan, v.dtype)
+        hi = lo.copy()
+        some = np.flatnonzero(b > a)
+        if some.size:
+            lo[some], hi[some] = np.fmin.reduceat(v, a[some]), np.fmax.reduceat(v, a[some])
+            k = some[-1]
+            lo[k], hi[k] = np.fmin.reduce(v[a[k]:b[k]]), np.fmax.reduce(v[a[k]:b[k]])
+        return lo, hi
+
+    def columns(self, a, b):
+        """A function (name, values) -> (smallest, largest) over v[a[k]:b[k]]
+        for each column k; the columns follow one another (b[k] == a[k + 1]
+        except for the last)."""
+        b_ = self.BUCKET
+        if (b[-1] - a[0]) < self.SAMPLES * a.size:
+            return lambda name, v: self._adjacent(v, a, b)
+        first_full = -(-a // b_)
+        past_full = b // b_
+        full = past_full > first_full
+        head_end = np.minimum(b, first_full * b_)
+        tail_start = np.maximum(past_full * b_, head_end)
+        pairs = np.empty(2 * a.size, np.int64)
+        pairs[0::2], pairs[1::2] = first_full, past_full
+        heads, tails = self._ends(a, head_end), self._ends(tail_start, b)
+
+        def reduce(name, v):
+            levels_lo, levels_hi = self.levels[name]
+            at = np.minimum(pairs, levels_lo.size - 1)
+            lo = np.where(full, np.fmin.reduceat(levels_lo, at)[0::2], np.nan)
+            hi = np.where(full, np.fmax.reduceat(levels_hi, at)[0::2], np.nan)
+            for ends in (heads(v), tails(v)):
+                lo, hi = np.fmin(lo, ends[0]), np.fmax(hi, ends[1])
+            return lo.astype(v.dtype), hi.astype(v.dtype)
+        return reduce
+
 
 def _trial_rows(trials) -> list[dict]:
     """The trials table as a list of dicts, one per trial."""

@@ -212,6 +212,7 @@
       jobs.push(get("/api/scanpath", p).then((r) => { if (gen === generation) state.scan = scanRows(r); }));
     }
     if (!jobs.length) return;
+    const t0 = performance.now();
     try {
       await Promise.all(jobs);
       status("");
@@ -220,7 +221,10 @@
       return;
     }
     if (gen !== generation) return;
+    const t1 = performance.now();
     draw();
+    // How long the last answer took to come and to draw (ms).
+    state.timing = { answer: t1 - t0, draw: performance.now() - t1 };
   }
 
   function status(text, error) {
