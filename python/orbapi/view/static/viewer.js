@@ -48,11 +48,13 @@
   }
 
   function decode(o) {
+    if (o.array) return o.array;
     const bin = atob(o.b64);
     const bytes = new Uint8Array(bin.length);
     for (let i = 0; i < bin.length; i++) bytes[i] = bin.charCodeAt(i);
     const Kind = { f4: Float32Array, f8: Float64Array, i4: Int32Array, i1: Int8Array }[o.dtype];
-    return new Kind(bytes.buffer);
+    o.array = new Kind(bytes.buffer);  // kept: an answer is decoded once
+    return o.array;
   }
 
   const num = (v) => (v == null || Number.isNaN(v) ? null : v);
@@ -124,7 +126,7 @@
     return u ? Math.max(50, Math.round(u.bbox.width / devicePixelRatio)) : 800;
   }
 
-  function setView(lo, hi) {
+  function setView(lo, hi, moving = false) {
     const whole = state.last - state.first;
     let span = Math.max(MIN_SPAN, Math.min(hi - lo, whole * 1.02 + MIN_SPAN));
     const mid = (lo + hi) / 2;
@@ -137,7 +139,7 @@
     state.hi = lo + span;
     for (const u of charts) u.setScale("x", { min: state.lo, max: state.hi });
     showSpan();
-    schedule();
+    schedule(moving ? 30 : 0);
   }
 
   function showSpan() {
@@ -150,13 +152,13 @@
     if (t >= 0) markTrial(t);
   }
 
-  function zoom(factor, at) {
+  function zoom(factor, at, moving) {
     at = at == null ? (state.lo + state.hi) / 2 : at;
-    setView(at - (at - state.lo) * factor, at + (state.hi - at) * factor);
+    setView(at - (at - state.lo) * factor, at + (state.hi - at) * factor, moving);
   }
-  function pan(fraction) {
+  function pan(fraction, moving) {
     const d = (state.hi - state.lo) * fraction;
-    setView(state.lo + d, state.hi + d);
+    setView(state.lo + d, state.hi + d, moving);
   }
   const whole = () => setView(state.first, state.last);
 
@@ -179,11 +181,15 @@
     }
   }
 
-  // Asks for what the span shown lacks, once the view has stopped moving
-  // for a moment; answers that arrive after the view moved on are dropped.
-  function schedule() {
+  // Asks for what the span shown lacks: at once, or once the view has
+  // stopped moving for `wait` ms; answers that arrive after the view moved
+  // on are dropped.
+  function schedule(wait) {
+    state.moved = performance.now();
     clearTimeout(state.timer);
-    state.timer = setTimeout(() => { state.timer = null; refresh(); }, 30);
+    state.timer = null;
+    if (!wait) { refresh(); return; }
+    state.timer = setTimeout(() => { state.timer = null; refresh(); }, wait);
   }
 
   let generation = 0;
@@ -224,7 +230,7 @@
     const t1 = performance.now();
     draw();
     // How long the last answer took to come and to draw (ms).
-    state.timing = { answer: t1 - t0, draw: performance.now() - t1 };
+    state.timing = { answer: t1 - t0, draw: performance.now() - t1, waited: t0 - state.moved };
   }
 
   function status(text, error) {
@@ -333,7 +339,6 @@
     if (!s || u.cursor.left == null || u.cursor.left < 0) return showTip(null);
     const t = u.posToVal(u.cursor.left, "x");
     const lines = [];
-    const chartsData = chartData(s);
     if (s.mode === "samples") {
       const times = decode(s.time);
       let i = 0, best = Infinity;
@@ -351,7 +356,6 @@
         }
       }
     }
-    void chartsData;
     const ev2 = state.events;
     const px = (state.hi - state.lo) / plotWidth();
     if (ev2) {
@@ -432,17 +436,17 @@
     e.preventDefault();
     const rect = u.over.getBoundingClientRect();
     if (e.shiftKey || Math.abs(e.deltaX) > Math.abs(e.deltaY)) {
-      pan(Math.sign(e.deltaX || e.deltaY) * 0.1);
+      pan(Math.sign(e.deltaX || e.deltaY) * 0.1, true);
       return;
     }
     const at = u.posToVal(e.clientX - rect.left, "x");
-    zoom(e.deltaY > 0 ? 1.25 : 0.8, at);
+    zoom(e.deltaY > 0 ? 1.25 : 0.8, at, true);
   }
 
   function startPan(u, e) {
     const x0 = e.clientX, lo = state.lo, hi = state.hi;
     const per = (hi - lo) / u.over.clientWidth;
-    const move = (m) => { const d = (m.clientX - x0) * per; setView(lo - d, hi - d); };
+    const move = (m) => { const d = (m.clientX - x0) * per; setView(lo - d, hi - d, true); };
     const up = () => { removeEventListener("mousemove", move); removeEventListener("mouseup", up); };
     addEventListener("mousemove", move);
     addEventListener("mouseup", up);
@@ -616,7 +620,7 @@
     addEventListener("resize", () => {
       const w = $("charts").clientWidth;
       for (const u of charts) u.setSize({ width: w, height: u.height });
-      schedule();
+      schedule(30);
     });
   }
 
