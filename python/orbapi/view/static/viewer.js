@@ -175,9 +175,8 @@
     state.trial = t;
     if (rows[t]) {
       rows[t].classList.add("current");
-      const box = $("trials-box"), r = rows[t];
-      if (r.offsetTop < box.scrollTop + 20 || r.offsetTop > box.scrollTop + box.clientHeight - 20)
-        box.scrollTop = r.offsetTop - box.clientHeight / 3;
+      const box = $("trials-box"), b = box.getBoundingClientRect(), r = rows[t].getBoundingClientRect();
+      if (r.top < b.top + 24 || r.bottom > b.bottom) box.scrollTop += r.top - b.top - box.clientHeight / 3;
     }
   }
 
@@ -464,7 +463,7 @@
       width, height, legend: { show: false }, cursor: { show: false },
       scales: { x: { time: false, auto: false, range: [0, w] }, y: { auto: false, range: [0, h], dir: -1 } },
       series: [{}, { show: false }],
-      axes: [{ size: 26 }, { size: 46 }],
+      axes: [{ size: 26 }, { size: 54 }],
       hooks: { draw: [drawScanpath] },
     }, [[0, w], [null, null]], el);
     scanChart.over.addEventListener("mousemove", (e) => {
