@@ -126,8 +126,8 @@ def browser_round(url, data):
             timing = driver.execute_script("return orbView.state.timing") or {}
             worst = max(worst, drawn)
             print(f"  page: {name:<11} redrawn {now:5.1f} ms, new answer drawn {drawn:6.1f} ms "
-                  f"(waited {timing.get('waited', 0):5.1f} ms, answer {timing.get('answer', 0):5.1f} ms, "
-                  f"drawing {timing.get('draw', 0):4.1f} ms)")
+                  f"(answer {timing.get('answer', 0):5.1f} ms, drawing {timing.get('draw', 0):4.1f} ms, "
+                  f"on screen {timing.get('frame', 0):5.1f} ms after)")
         return worst
     finally:
         driver.quit()

@@ -228,8 +228,11 @@
     if (gen !== generation) return;
     const t1 = performance.now();
     draw();
-    // How long the last answer took to come and to draw (ms).
-    state.timing = { answer: t1 - t0, draw: performance.now() - t1, waited: t0 - state.moved };
+    // How long the last answer took to come, to draw and to reach the
+    // screen (the next frame), in ms.
+    const timing = { answer: t1 - t0, draw: performance.now() - t1, waited: t0 - state.moved };
+    state.timing = timing;
+    requestAnimationFrame(() => { timing.frame = performance.now() - t1; });
   }
 
   function status(text, error) {
@@ -291,27 +294,29 @@
     ctx.beginPath();
     ctx.rect(left, top, right - left, h);
     ctx.clip();
+    const lines = new Path2D();
+    const labels = [];
     for (const m of ev.messages) {
       if (m.time < state.lo || m.time > state.hi) continue;
       const x = Math.round(u.valToPos(m.time, "x", true)) + 0.5;
-      ctx.beginPath();
-      ctx.setLineDash(record ? [] : [3 * dpr, 3 * dpr]);
-      ctx.moveTo(x, top);
-      ctx.lineTo(x, top + (record ? 8 * dpr : h));
-      ctx.stroke();
+      lines.moveTo(x, top);
+      lines.lineTo(x, top + (record ? 8 * dpr : h));
       let label = false;
       if (record && x > free) {
         let text = m.text.length > 28 ? m.text.slice(0, 27) + "…" : m.text;
         if (m.n > 1) text += ` (+${m.n - 1})`;
         const w = ctx.measureText(text).width;
         if (x + 3 * dpr + w < right) {
-          ctx.fillText(text, x + 3 * dpr, top + 18 * dpr);
+          labels.push([text, x + 3 * dpr]);
           free = x + w + 10 * dpr;
           label = true;
         }
       }
       if (record) drawn.ticks.push({ time: m.time, text: m.text, n: m.n, label });
     }
+    ctx.setLineDash(record ? [] : [3 * dpr, 3 * dpr]);
+    ctx.stroke(lines);
+    for (const [text, x] of labels) ctx.fillText(text, x, top + 18 * dpr);
     ctx.restore();
   }
 
@@ -492,38 +497,45 @@
     ctx.rect(u.bbox.left, u.bbox.top, u.bbox.width, u.bbox.height);
     ctx.clip();
     ctx.lineWidth = dpr;
+    // One path per eye for its saccades and one for its circles: a long
+    // span's thousands draw as quickly as a few.
+    const paths = {};
+    const pathOf = (eye) => (paths[eye] = paths[eye] || { lines: new Path2D(), circles: new Path2D() });
     for (const s of sc.saccades) {
       if ([s.start_x, s.start_y, s.end_x, s.end_y].some((v) => v == null)) continue;
-      ctx.strokeStyle = EYE_COLOURS[s.eye] || "#555";
-      ctx.beginPath();
-      ctx.moveTo(X(s.start_x), Y(s.start_y));
-      ctx.lineTo(X(s.end_x), Y(s.end_y));
-      ctx.stroke();
+      const p = pathOf(s.eye).lines;
+      p.moveTo(X(s.start_x), Y(s.start_y));
+      p.lineTo(X(s.end_x), Y(s.end_y));
       drawn.lines.push({ eye: s.eye, start: s.start, end: s.end, from: [s.start_x, s.start_y], to: [s.end_x, s.end_y] });
     }
     const count = {};
     for (const f of sc.fixations) count[f.eye] = (count[f.eye] || 0) + 1;
     const seen = {};
-    ctx.font = `${10 * dpr}px system-ui, sans-serif`;
-    ctx.textAlign = "center";
-    ctx.textBaseline = "middle";
+    const numbers = [];
     for (const f of sc.fixations) {
       const number = (seen[f.eye] = (seen[f.eye] || 0) + 1);
       if (f.x == null || f.y == null) continue;
       const px = X(f.x), py = Y(f.y), r = radius(f.duration);
-      ctx.fillStyle = (EYE_COLOURS[f.eye] || "#555") + "40";
-      ctx.strokeStyle = EYE_COLOURS[f.eye] || "#555";
-      ctx.beginPath();
-      ctx.arc(px, py, r * dpr, 0, 2 * Math.PI);
-      ctx.fill();
-      ctx.stroke();
-      if (count[f.eye] <= MAX_NUMBERED) {
-        ctx.fillStyle = "#111";
-        ctx.fillText(String(number), px, py);
-      }
+      const p = pathOf(f.eye).circles;
+      p.moveTo(px + r * dpr, py);
+      p.arc(px, py, r * dpr, 0, 2 * Math.PI);
+      if (count[f.eye] <= MAX_NUMBERED) numbers.push([String(number), px, py]);
       drawn.circles.push({ eye: f.eye, number, x: f.x, y: f.y, r, px, py, start: f.start, end: f.end, duration: f.duration, event: f,
         client: [over.left + (px - u.bbox.left) / dpr, over.top + (py - u.bbox.top) / dpr] });
     }
+    for (const [eye, p] of Object.entries(paths)) {
+      const colour = EYE_COLOURS[eye] || "#555";
+      ctx.strokeStyle = colour;
+      ctx.stroke(p.lines);
+      ctx.fillStyle = colour + "40";
+      ctx.fill(p.circles);
+      ctx.stroke(p.circles);
+    }
+    ctx.font = `${10 * dpr}px system-ui, sans-serif`;
+    ctx.textAlign = "center";
+    ctx.textBaseline = "middle";
+    ctx.fillStyle = "#111";
+    for (const [text, px, py] of numbers) ctx.fillText(text, px, py);
     ctx.restore();
     const total = sc.fixations_total, shown = sc.fixations.length;
     $("scan-note").textContent = `(${total.toLocaleString()} fixation${total === 1 ? "" : "s"}` +
