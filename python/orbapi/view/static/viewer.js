@@ -394,7 +394,7 @@
         width, height: n === 2 ? 150 : 190,
         legend: { show: false },
         scales: { x: { time: false, auto: false } },
-        series: [{}].concat(eyes.map((e) => ({ label: e, stroke: EYE_COLOURS[e], width: e === "left" ? 1.6 : 1, spanGaps: false,
+        series: [{}].concat(eyes.map((e) => ({ label: e, stroke: EYE_COLOURS[e], width: 1, spanGaps: false,
           points: { size: 4 } }))),
         axes: [
           { values: (u, vals) => vals.map((v) => v.toLocaleString("en-US")), size: n === 2 ? 40 : 24,
