@@ -133,6 +133,10 @@ class _Handler(BaseHTTPRequestHandler):
         if host not in self.server.hosts:
             raise RequestError(403, f"this server answers only requests for {self.server.hosts[0]}")
         url = urlsplit(self.path)
+        if url.path == "/favicon.ico":  # browsers ask; the page has none
+            self.send_response(204)
+            self.end_headers()
+            return
         asset = self.server.assets.get(url.path)
         if asset is not None and not url.query:
             self._send(200, asset[0], asset[1], cache=url.path != "/")

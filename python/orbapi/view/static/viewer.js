@@ -290,6 +290,8 @@
     ctx.fillStyle = TICK_COLOUR;
     ctx.lineWidth = dpr;
     ctx.font = `${11 * dpr}px system-ui, sans-serif`;
+    ctx.textAlign = "left";  // the axes leave it as they drew their values
+    ctx.textBaseline = "alphabetic";
     let free = -Infinity;
     ctx.beginPath();
     ctx.rect(left, top, right - left, h);
