@@ -327,6 +327,19 @@ class TestPageAndRefusals:
         status, body = request(server, path)
         assert status == 404 and set(body) == {"error"}
 
+    def test_requests_open_no_file(self, serve, monkeypatch):
+        server = serve(EXAMPLE)
+        opened = []
+        real_open = os.open
+        monkeypatch.setattr(os, "open", lambda *a, **k: opened.append(a[0]) or real_open(*a, **k))
+        for name in ("builtins.open", "io.open"):
+            monkeypatch.setattr(name, lambda *a, **k: opened.append(a[0]) or pytest.fail("open"))
+        for path in ("/", "/static/viewer.js", "/static/uPlot.iife.min.js", "/api/page",
+                     "/api/samples?start=1000&end=2000&columns=100", "/api/events?start=1000&end=2000&columns=100",
+                     "/api/scanpath?start=1000&end=2000", "/static/../data.py", "/etc/passwd"):
+            assert request(server, path)[0] in (200, 404)
+        assert opened == []
+
     def test_other_methods_and_hosts_are_refused(self, serve):
         server = serve(EXAMPLE)
         assert request(server, "/api/page", method="POST")[0] == 405
