@@ -5,6 +5,7 @@ import http.client
 import json
 import os
 import signal
+import socket
 import subprocess
 import sys
 
@@ -366,6 +367,12 @@ class TestCommand:
         assert cli.main(["view", str(tmp_path / "missing.orb"), "--no-browser"]) == 1
         assert "no such file" in capsys.readouterr().err
         assert cli.main(["view", EXAMPLE, "--port", "70000", "--no-browser"]) == 2
+        with socket.socket() as taken:
+            taken.bind(("127.0.0.1", 0))
+            taken.listen()
+            port = taken.getsockname()[1]
+            assert cli.main(["view", EXAMPLE, "--port", str(port), "--no-browser"]) == 1
+        assert f"cannot serve on port {port}" in capsys.readouterr().err
 
     def test_serves_until_ctrl_c(self, tmp_path):
         proc = subprocess.Popen([sys.executable, "-m", "orbapi.cli", "view", EXAMPLE, "--no-browser"],
