@@ -180,6 +180,8 @@ def _build_parser(command: str | None = None) -> argparse.ArgumentParser:
     )
 
     _add_plot(sub, command == "plot")
+    from .view import add_command as add_view
+    add_view(sub, _add_consistency)
     return parser
 
 
