@@ -673,13 +673,13 @@ int soak(const Options& o, const std::vector<Kind>& kinds, std::vector<Expected>
 
     // Per kind and operation: how many a thread completes per second of its
     // time spent on them, while the other threads run theirs.
-    std::printf("\n%-42s", "kind (operations per thread-second)");
+    std::printf("\n%-42s %7s %6s", "kind (operations per thread-second)", "kB", "items");
     for (const char* name : kOperationNames)
         std::printf(" %11s", name);
     std::printf("\n");
     long total = 0;
     for (size_t k = 0; k < kinds.size(); ++k) {
-        std::printf("%-42s", kinds[k].name.c_str());
+        std::printf("%-42s %7zu %6d", kinds[k].name.c_str(), kinds[k].bytes.size() / 1024, expected[k].items);
         for (int op = 0; op < kOperations; ++op) {
             long n = 0;
             double seconds = 0;
