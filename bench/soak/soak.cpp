@@ -338,6 +338,9 @@ private:
         const int items = orb_get_element_count(f);
         same(e_.items, items, "item count");
         same(e_.trials, orb_get_trial_count(f), "trial count");
+        // Every recording has items and trials: the first pass learns no
+        // empty result.
+        check(items > 0 && e_.trials > 0, "no items or no trials");
 
         // Every item from the first, a bookmark set half way.
         Hash all, gaze, velocity;
@@ -381,6 +384,8 @@ private:
                                   " items");
         check(orb_get_next_data(f) == NO_MORE_ITEMS, "stepping past the end found an item");
         same(e_.unreadable, unreadable, "unreadable items");
+        check(unreadable == 0 || (k_.consistency & 4) != 0,
+              std::to_string(unreadable) + " items of an undamaged recording could not be read");
         same(e_.walkHash, all.h, "walk hash");
         same(e_.gazeHash, gaze.h, "gaze hash of the walk");
         same(e_.velocityHash, velocity.h, "velocity hash of the walk");
