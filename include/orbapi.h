@@ -320,6 +320,12 @@ typedef struct _ORBFILE _ORBFILE;
 /* The line that ends the preamble text. */
 #define ORB_PREAMBLE_END "ENDP:\n"
 
+/* A recording without items: the first line, an empty preamble and a zero
+ * tag word, which ends the items.  It holds NUL bytes: its size is
+ * sizeof ORB_EMPTY_RECORDING - 1, e.g.
+ * orb_open_memory(ORB_EMPTY_RECORDING, sizeof ORB_EMPTY_RECORDING - 1, ...). */
+#define ORB_EMPTY_RECORDING ORB_MAGIC_PLAIN ORB_PREAMBLE_END "\0\0"
+
 /* ------------------------------------------------------------------------ */
 /* Opening and closing                                                      */
 /* ------------------------------------------------------------------------ */

@@ -571,9 +571,7 @@ void exportFacts(nb::module_& m)
     m.attr("MAGIC_PLAIN") = nb::bytes(plain.data(), plain.size());
     m.attr("MAGIC_COMPRESSED") = nb::bytes(compressed.data(), compressed.size());
     m.attr("PREAMBLE_END") = nb::bytes(end.data(), end.size());
-    // A recording without items: the first line and an empty preamble.
-    const std::string empty = plain + end;
-    m.attr("EMPTY_RECORDING") = nb::bytes(empty.data(), empty.size());
+    m.attr("EMPTY_RECORDING") = nb::bytes(ORB_EMPTY_RECORDING, sizeof ORB_EMPTY_RECORDING - 1);
 
     // The names and numpy types of a table's columns for the flags of a
     // read, in the library's order.

@@ -330,3 +330,20 @@ TEST(Position, TrialSpansAreThoseOfTheTrialsTable)
     EXPECT_EQ(orb_get_trial_span(f, nullptr, &end), -1);
     EXPECT_EQ(orb_get_trial_span(f, &start, nullptr), -1);
 }
+
+TEST(Markers, TheEmptyRecordingOpensWithoutItems)
+{
+    int err = -5;
+    _ORBFILE* f = orb_open_memory(ORB_EMPTY_RECORDING, sizeof ORB_EMPTY_RECORDING - 1, 0, 1, 1, &err);
+    ASSERT_NE(f, nullptr) << orb_get_last_error();
+    EXPECT_EQ(err, 0);
+    EXPECT_EQ(orb_get_element_count(f), 0);
+    EXPECT_EQ(orb_get_next_data(f), NO_MORE_ITEMS);
+    EXPECT_EQ(orb_get_element_code(f, 0, nullptr), -1);
+    EXPECT_EQ(orb_goto_index(f, 0), -1);
+    orb_close_file(f);
+    // Without its last two bytes it is no recording.
+    f = orb_open_memory(ORB_EMPTY_RECORDING, sizeof ORB_EMPTY_RECORDING - 3, 0, 1, 1, &err);
+    EXPECT_EQ(f, nullptr);
+    orb_close_file(f);
+}
