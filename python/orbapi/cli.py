@@ -21,7 +21,7 @@ from . import many
 
 EXIT_OK, EXIT_FAILED, EXIT_USAGE = 0, 1, 2
 
-EYES = {1: "left", 2: "right", 3: "both"}
+from ._core import BLOCK_EYES as EYES
 MODELS = {1: "", 2: "MK", 3: "HQ"}
 
 MAIN_EPILOG = """\
