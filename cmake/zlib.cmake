@@ -1,5 +1,6 @@
 # zlib: the system's by default.  ORBAPI_ZLIB_SOURCE names zlib's sources
-# instead (a folder, an archive, or an archive's URL); they are then built
+# instead (a folder, an archive, or an archive's URL; a relative path is
+# taken from the source folder); they are then built
 # into the library as position-independent, hidden objects, so that nothing
 # outside needs zlib at run time (the Python wheels are built so).
 set(ORBAPI_ZLIB_SOURCE "" CACHE STRING
@@ -11,8 +12,14 @@ if(ORBAPI_ZLIB_SOURCE STREQUAL "")
   return()
 endif()
 
-if(IS_DIRECTORY "${ORBAPI_ZLIB_SOURCE}")
-  set(_orbapi_zlib_dir "${ORBAPI_ZLIB_SOURCE}")
+# A path is taken from the source folder when it is not absolute.
+set(_orbapi_zlib_source "${ORBAPI_ZLIB_SOURCE}")
+if(NOT _orbapi_zlib_source MATCHES "^[a-zA-Z][a-zA-Z0-9+.-]*://")
+  get_filename_component(_orbapi_zlib_source "${_orbapi_zlib_source}" ABSOLUTE
+    BASE_DIR "${PROJECT_SOURCE_DIR}")
+endif()
+if(IS_DIRECTORY "${_orbapi_zlib_source}")
+  set(_orbapi_zlib_dir "${_orbapi_zlib_source}")
 else()
   include(FetchContent)
   set(_orbapi_zlib_hash)
@@ -21,7 +28,7 @@ else()
   endif()
   # Only the sources are wanted, not zlib's own build: SOURCE_SUBDIR names
   # a folder without a CMakeLists.txt.
-  FetchContent_Declare(orbapi_zlib URL "${ORBAPI_ZLIB_SOURCE}" ${_orbapi_zlib_hash}
+  FetchContent_Declare(orbapi_zlib URL "${_orbapi_zlib_source}" ${_orbapi_zlib_hash}
     DOWNLOAD_EXTRACT_TIMESTAMP ON SOURCE_SUBDIR orbapi-sources-only)
   FetchContent_MakeAvailable(orbapi_zlib)
   set(_orbapi_zlib_dir "${orbapi_zlib_SOURCE_DIR}")
@@ -38,7 +45,7 @@ endforeach()
 add_library(orbapi_zlib STATIC ${_orbapi_zlib_sources})
 target_include_directories(orbapi_zlib SYSTEM PUBLIC "${_orbapi_zlib_dir}")
 # zlib's own code, compiled as its authors do: without this project's warnings.
-target_compile_options(orbapi_zlib PRIVATE -w)
+target_compile_options(orbapi_zlib PRIVATE $<IF:$<C_COMPILER_ID:MSVC>,/w,-w>)
 set_target_properties(orbapi_zlib PROPERTIES
   POSITION_INDEPENDENT_CODE ON
   C_VISIBILITY_PRESET hidden)

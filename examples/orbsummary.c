@@ -37,7 +37,10 @@ static void keep_log_line(char *line)
     if (log_lines.kept < KEPT_LINES) {
         char *copy = log_lines.lines[log_lines.kept++];
         snprintf(copy, sizeof log_lines.lines[0], "%s", line);
-        copy[strcspn(copy, "\n")] = '\0';
+        size_t n = strcspn(copy, "\n");
+        while (n > 0 && copy[n - 1] == ' ')
+            --n;
+        copy[n] = '\0';
     }
     ++log_lines.total;
 }
@@ -387,6 +390,8 @@ int main(int argc, char **argv)
     _ORBFILE *f = orb_open_file(argv[1], consistency, 1, 1, &err);
     if (!f) {
         fprintf(stderr, "%s: cannot open (%d): %s", argv[1], err, orb_get_last_error());
+        if (!(consistency & 4))
+            fprintf(stderr, "(consistency %d reads what comes before damage)\n", consistency | 4);
         return 1;
     }
     Counts counts;
