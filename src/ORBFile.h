@@ -63,6 +63,16 @@ void finishSample(FSAMPLE& fs, const ORBItem& item);
 // of its millisecond (it then gets the half-millisecond flag).
 inline bool secondInItsMillisecond(const ORBItem& item, uint32_t time) { return item.key() != 2ull * time; }
 
+// The time the cursor decodes the first sample of a run read from index
+// entry `entry` against (the samples after it step on from there): the
+// entry's own time, or 0, none, for an entry at time 0, whose sample then
+// steps on from the time the decoder was left with.
+inline unsigned runStartTime(const ORBItem& entry) { return unsigned(entry.key() >> 1); }
+// Whether a run the cursor reads from `entry` on gives its samples the
+// times the pre-scan gave them, whatever the decoder was left with: the
+// samples the scan decoded may then stand for the cursor's.
+inline bool runKeepsScannedTimes(const ORBItem& entry) { return runStartTime(entry) != 0; }
+
 // Receives the samples the pre-scan puts in the index, in stream order, each
 // decoded whole into a record of the receiver's that started out zeroed: a
 // reader that takes every sample in stream order gets them without

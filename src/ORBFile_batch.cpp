@@ -126,7 +126,7 @@ int ORBFile::batchReadSample(int itemIndex)
                     unsigned int expected = 0;
                     if (firstRead) {
                         resetPosition(&entry);
-                        expected = unsigned(key >> 1);
+                        expected = runStartTime(entry);
                     }
                     if (read_combfile_sample(&sample, expected, 0) < 0) {
                         orb_log("error reading orb file 5\n");

@@ -321,7 +321,8 @@ int32_t ColumnReader::trialOf(size_t index)
 // same bytes):
 //  - the index holds every sample of the stream once, in stream order,
 //    under strictly increasing keys (no placeholders, none dropped, none
-//    filed under another key);
+//    filed under another key), and a run of samples the cursor reads from
+//    any of them gives them the scan's times (runKeepsScannedTimes);
 //  - every sample carries pupil sizes, or none does (the queue's carried
 //    sizes then never differ from their starting ones);
 //  - every block start sets the same scales whatever came before it, and
@@ -343,7 +344,8 @@ bool ColumnReader::samplesInStreamOrder() const
         blockStarted = blockStarted || code == SSAMPLES || code == SEVENTS;
         if (code != SAMPLE)
             continue;
-        if (!blockStarted || item.position <= lastPosition || (samples > 0 && item.key() <= lastKey))
+        if (!blockStarted || !runKeepsScannedTimes(item) || item.position <= lastPosition ||
+            (samples > 0 && item.key() <= lastKey))
             return false;
         lastPosition = item.position;
         lastKey = item.key();
