@@ -4,10 +4,9 @@
 #include <cmath>
 #include <cstring>
 
-#include "ORBException.h"
+#include "base.h"
 #include "ORBFile.h"
-#include "ItemFormat.h"
-#include "log.h"
+#include "items.h"
 
 namespace {
 

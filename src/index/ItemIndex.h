@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "ORBItem.h"
+#include "items.h"
 #include "orbapi.h"
 
 class ItemIndex {

@@ -3,7 +3,7 @@
 // the high-speed filter of the HQ tracker (averaged supports spaced as at
 // 250 samples per second).
 #include "VelocityFilter.h"
-#include "ItemFormat.h"
+#include "items.h"
 
 #include <algorithm>
 #include <cmath>

@@ -25,13 +25,10 @@
 #include <memory>
 #include <vector>
 
-#include "EData.h"
-#include "ItemDecoder.h"
-#include "ItemIndex.h"
-#include "NVIO.h"
-#include "ORBItem.h"
-#include "Sample.h"
-#include "SampleQueue.h"
+#include "items.h"
+#include "index.h"
+#include "bytes.h"
+#include "samples.h"
 #include "orbapi.h"
 
 // Set from the preamble: 1 when the writer wrote UTF-8 text.  Process-wide.
@@ -39,22 +36,6 @@ extern std::atomic<int> utf8encoding;
 
 // The two container forms.
 enum class ContainerForm { Plain, Compressed };
-
-// The most an inflated body may hold: every stream position fits a signed
-// 32-bit index entry.  Inflating stops there with a log line; the bytes
-// before it are kept.
-constexpr uint64_t kInflatedBodyLimit = 0x7FFFFFFFu;
-
-// Inflates the zlib stream in the `size` bytes at `source` into a memory
-// stream that owns its bytes.  A damaged or cut stream yields what inflated
-// before the damage.  Throws std::bad_alloc when memory runs out.
-std::unique_ptr<InputStream> inflateToMemory(const unsigned char* source, size_t size);
-// The same with a smaller limit than kInflatedBodyLimit.
-std::unique_ptr<InputStream> inflateToMemory(const unsigned char* source, size_t size, uint64_t limit);
-// Inflates the zlib stream that starts at source's position (up to
-// kInflatedBodyLimit bytes), handing each piece to sink; a sink that
-// returns false stops it (Z_ERRNO).
-int inflateInto(FILE* source, const std::function<bool(const unsigned char*, size_t)>& sink);
 
 // What the cursor hands out for a copy of a queued sample of index entry
 // `item`: blink repairs and the half-millisecond flag applied.

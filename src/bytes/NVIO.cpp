@@ -5,8 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "ORBException.h"
-#include "log.h"
+#include "base.h"
 
 // ---------------------------------------------------------------------------
 // InputStream: the typed readers when the window runs short.

@@ -7,7 +7,7 @@
 #include <algorithm>
 
 #include "ORBFile.h"
-#include "log.h"
+#include "base.h"
 
 namespace {
 

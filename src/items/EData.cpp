@@ -2,7 +2,7 @@
 #include "EData.h"
 
 #include "ORBItem.h"
-#include "log.h"
+#include "base.h"
 
 EData::EData(ORBFile* owner, const FEVENT* source) : file(owner)
 {

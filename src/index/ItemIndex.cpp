@@ -4,7 +4,7 @@
 
 #include "ItemSort.h"
 #include "ItemIndex.h"
-#include "Pages.h"
+#include "base.h"
 
 namespace {
 

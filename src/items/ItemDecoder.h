@@ -9,7 +9,7 @@
 #include <memory>
 
 #include "EData.h"
-#include "NVIO.h"
+#include "bytes.h"
 #include "Sample.h"
 #include "orbapi.h"
 

@@ -5,10 +5,9 @@
 #include <cstring>
 #include <string>
 
-#include "InflatingStream.h"
-#include "ORBException.h"
+#include "bytes.h"
+#include "base.h"
 #include "ORBFile.h"
-#include "log.h"
 
 std::atomic<int> utf8encoding{0};
 

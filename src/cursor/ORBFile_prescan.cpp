@@ -13,10 +13,9 @@
 #include <memory>
 #include <new>
 
-#include "ORBException.h"
+#include "base.h"
 #include "ORBFile.h"
-#include "ItemFormat.h"
-#include "log.h"
+#include "items.h"
 
 namespace {
 

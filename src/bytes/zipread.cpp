@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "ORBFile.h"
-#include "log.h"
+#include "InflatingStream.h"
+#include "base.h"
 
 namespace {
 

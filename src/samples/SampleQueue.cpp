@@ -15,7 +15,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "ItemFormat.h"
+#include "items.h"
 #include "VelocityFilter.h"
 
 namespace {

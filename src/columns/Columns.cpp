@@ -1,6 +1,6 @@
 // Column layouts and storage of ORB_COLUMNS.
 #include "Columns.h"
-#include "Pages.h"
+#include "base.h"
 
 #include <sys/mman.h>
 

@@ -11,10 +11,9 @@
 #include <algorithm>
 #include <cstring>
 
-#include "ORBException.h"
+#include "base.h"
 #include "ItemDecoder.h"
 #include "ItemFormat.h"
-#include "log.h"
 
 namespace {
 

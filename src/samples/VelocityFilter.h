@@ -2,7 +2,7 @@
 #ifndef ORBAPI_VELOCITYFILTER_H
 #define ORBAPI_VELOCITYFILTER_H
 
-#include "Sample.h"
+#include "items.h"
 
 namespace velocity {
 

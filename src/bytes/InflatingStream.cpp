@@ -7,8 +7,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "ORBException.h"
-#include "ORBFile.h"
+#include "base.h"
 
 namespace {
 

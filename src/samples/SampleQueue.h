@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "Sample.h"
+#include "items.h"
 
 // What the queue reads from: the time keys of the index entries, runs of
 // samples read into the queue, and the filter model of the tracker.

@@ -6,10 +6,9 @@
 // stream lacks (placeholders, position -1) become missing samples.
 #include <cstring>
 
-#include "ORBException.h"
+#include "base.h"
 #include "ORBFile.h"
-#include "ItemFormat.h"
-#include "log.h"
+#include "items.h"
 
 namespace {
 

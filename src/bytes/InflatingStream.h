@@ -7,6 +7,8 @@
 #define ORBAPI_INFLATINGSTREAM_H
 
 #include <atomic>
+#include <cstdio>
+#include <functional>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -14,6 +16,22 @@
 #include <thread>
 
 #include "NVIO.h"
+
+// The most an inflated body may hold: every stream position fits a signed
+// 32-bit index entry.  Inflating stops there with a log line; the bytes
+// before it are kept.
+constexpr uint64_t kInflatedBodyLimit = 0x7FFFFFFFu;
+
+// Inflates the zlib stream in the `size` bytes at `source` into a memory
+// stream that owns its bytes.  A damaged or cut stream yields what inflated
+// before the damage.  Throws std::bad_alloc when memory runs out.
+std::unique_ptr<InputStream> inflateToMemory(const unsigned char* source, size_t size);
+// The same with a smaller limit than kInflatedBodyLimit.
+std::unique_ptr<InputStream> inflateToMemory(const unsigned char* source, size_t size, uint64_t limit);
+// Inflates the zlib stream that starts at source's position (up to
+// kInflatedBodyLimit bytes), handing each piece to sink; a sink that
+// returns false stops it (Z_ERRNO).
+int inflateInto(FILE* source, const std::function<bool(const unsigned char*, size_t)>& sink);
 
 class InflatingStream : public FileInputStream {
 public:

@@ -5,9 +5,8 @@
 #include <cstring>
 #include <new>
 
-#include "ORBException.h"
-#include "ORBFile.h"
-#include "log.h"
+#include "base.h"
+#include "cursor.h"
 #include "orbapi.h"
 
 namespace {

@@ -19,10 +19,9 @@
 #include <unordered_map>
 
 #include "Columns.h"
-#include "ORBException.h"
-#include "ItemFormat.h"
-#include "ORBFile.h"
-#include "log.h"
+#include "base.h"
+#include "items.h"
+#include "cursor.h"
 
 using namespace columns;
 
