@@ -499,8 +499,8 @@ JNIEXPORT jint JNICALL Java_com_norvanelab_orbapi_ORB_getNextData0(JNIEnv* env, 
     // lies after it.  Its time (ms) is set against the item's ordering key
     // (half-milliseconds) as the front ends have always compared them.
     ORBFile* f = fileOf(o);
-    if (f->current >= 0 && size_t(f->current) < f->items.size()) {
-        uint32_t key = uint32_t(f->items[size_t(f->current)].key());
+    if (f->current >= 0 && size_t(f->current) < f->index.items.size()) {
+        uint32_t key = uint32_t(f->index.items[size_t(f->current)].key());
         if (o->pendingMessage->startTime > key)
             return orb_get_next_data(o->handle);
     }
@@ -533,7 +533,7 @@ JNIEXPORT void JNICALL Java_com_norvanelab_orbapi_ORB_getFloatData(JNIEnv* env, 
         // The record may be of another kind when the type asked for is not
         // the item's; only the file's own message buffer is a message then.
         FEVENT event = d->fe;
-        if (event.message != &fileOf(o)->message)
+        if (event.message != &fileOf(o)->decoder.message)
             event.message = nullptr;
         newEvent(env, target, &event, type);
     } else if (type == RECORDING) {

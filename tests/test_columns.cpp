@@ -343,7 +343,7 @@ Walk walkWithCursor(const std::string& path, const ReadArgs& a)
         if (code == RECORDING) {
             if (d->rec.state == 1) {
                 block = blocks++;
-                blockOf[file.items[size_t(index)].rec] = block;
+                blockOf[file.index.items[size_t(index)].rec] = block;
             }
             TableValues& t = w.tables[ORB_TABLE_BLOCKS];
             putBlock(t, d->rec);

@@ -17,9 +17,9 @@ ORBFile* file(_ORBFILE* ef) { return reinterpret_cast<ORBFile*>(ef); }
 // past the end.
 const ORBItem* currentItem(ORBFile* f)
 {
-    if (f->current <= 0 || size_t(f->current - 1) >= f->items.size())
+    if (f->current <= 0 || size_t(f->current - 1) >= f->index.items.size())
         return nullptr;
-    return &f->items[size_t(f->current - 1)];
+    return &f->index.items[size_t(f->current - 1)];
 }
 
 ALLF_DATA* adjusted(ORBFile* f, ALLF_DATA* data)
@@ -115,7 +115,7 @@ ALLF_DATA* orb_get_sample_close_to_time(_ORBFILE* ef, unsigned int time)
     return adjusted(f, f->getSampleCloseToTime(time * 2u));
 }
 
-int orb_get_element_count(_ORBFILE* ef) { return int(file(ef)->items.size()); }
+int orb_get_element_count(_ORBFILE* ef) { return int(file(ef)->index.items.size()); }
 
 // The record casts look at the 16-bit word at byte offset 4 (FEVENT.type).
 static uint16_t typeWord(const ALLF_DATA* d)
@@ -199,8 +199,8 @@ const char* orb_get_version(void) { return "3.1 Linux Sep  2 2011"; }
 
 const char* orb_library_version(void) { return ORBAPI_VERSION_STRING; }
 
-int orb_get_revision(_ORBFILE* ef) { return int16_t(file(ef)->trackerRevision); }
-int orb_get_oculant_revision(_ORBFILE* ef) { return int16_t(file(ef)->trackerModel); }
+int orb_get_revision(_ORBFILE* ef) { return int16_t(file(ef)->decoder.trackerRevision); }
+int orb_get_oculant_revision(_ORBFILE* ef) { return int16_t(file(ef)->decoder.trackerModel); }
 
 } // extern "C"
 
@@ -220,6 +220,6 @@ int orb_get_sample_interval(_ORBFILE* ef)
     return interval < double(INT_MAX) ? int(interval) : INT_MAX;
 }
 
-int get_filter_level_for_sample(_ORBFILE* ef) { return file(ef)->levelValue; }
+int get_filter_level_for_sample(_ORBFILE* ef) { return file(ef)->decoder.levelValue; }
 
 int orb_get_element_index(_ORBFILE* ef) { return file(ef)->current; }

@@ -142,7 +142,11 @@ public:
     void begin(int64_t bytes) override;
     Sample* next() override;
     void sample(int32_t position) override;
-    void end(bool positionsAreOffsets) override { scanning_ = scanning_ && positionsAreOffsets; }
+    void end(const ScanFacts& facts) override
+    {
+        facts_ = facts;
+        scanning_ = scanning_ && facts.positionsAreOffsets;
+    }
 
 private:
     // Allocates the tables, but for the sample rows when they are kept.
@@ -176,6 +180,7 @@ private:
 
     // The rows the pre-scan fills.
     bool scanning_ = false; // rows are taken from the scan
+    ScanFacts facts_; // what the scan learned (when it ran with this receiver)
     double scanBytes_ = 0;
     size_t scannedCount_ = 0; // samples the scan handed over
     std::unique_ptr<Prefaulter> scanPages_; // of the rows the scan fills
@@ -273,11 +278,11 @@ std::unique_ptr<ORB_COLUMNS> ColumnReader::run(ORBFile& file)
     addTrials();
     for (Table& t : c_->tables)
         t.flush();
-    c_->items = f_->items.size();
+    c_->items = f_->index.items.size();
     if (f_->preambleText)
         c_->preamble.assign(f_->preambleText.get(), size_t(f_->preambleLength));
-    c_->revision = int16_t(f_->trackerRevision);
-    c_->oculantRevision = int16_t(f_->trackerModel);
+    c_->revision = int16_t(f_->decoder.trackerRevision);
+    c_->oculantRevision = int16_t(f_->decoder.trackerModel);
     report(1.0);
     return std::move(c_);
 }
@@ -286,7 +291,7 @@ void ColumnReader::allocate(bool keepSamples)
 {
     // At most one row per index entry of the table's kind.
     size_t samples = 0, events = 0, blocks = 0;
-    for (const ORBItem& item : f_->items) {
+    for (const ORBItem& item : f_->index.items) {
         const unsigned code = item.code();
         if (code == SAMPLE)
             ++samples;
@@ -329,7 +334,7 @@ int32_t ColumnReader::trialOf(size_t index)
 //    is then the same whichever items it decoded last).
 bool ColumnReader::samplesInStreamOrder() const
 {
-    const ORBFile::ScanFacts& facts = f_->scanFacts;
+    const ScanFacts& facts = facts_;
     if (!facts.uniformBlocks || facts.blockStarts == 0 ||
         (facts.pupilGroups != 0 && facts.pupilGroups != facts.samples) ||
         c_->tables[ORB_TABLE_SAMPLES].rows() != facts.samples)
@@ -338,7 +343,7 @@ bool ColumnReader::samplesInStreamOrder() const
     int64_t lastPosition = -1;
     uint64_t lastKey = 0;
     bool blockStarted = false;
-    for (const ORBItem& item : f_->items) {
+    for (const ORBItem& item : f_->index.items) {
         const unsigned code = item.code();
         blockStarted = blockStarted || code == SSAMPLES || code == SEVENTS;
         if (code != SAMPLE)
@@ -356,7 +361,7 @@ bool ColumnReader::samplesInStreamOrder() const
 void ColumnReader::completeScannedRow(size_t index, int32_t block)
 {
     const size_t row = scannedRow_++;
-    const ORBItem& item = f_->items[index];
+    const ORBItem& item = f_->index.items[index];
     uint32_t& time = scannedColumns_.time[row];
     if (!f_->currentRecording)
         f_->inBlock(time);
@@ -386,7 +391,7 @@ void ColumnReader::walk(bool scannedRows)
     Table& events = c_->tables[ORB_TABLE_EVENTS];
     Table& blocks = c_->tables[ORB_TABLE_BLOCKS];
     const bool camera = flags_ & ORB_COLUMNS_CAMERA;
-    const size_t total = f_->items.size();
+    const size_t total = f_->index.items.size();
     // The walk's share of the progress.
     const double from = scanBytes_ > 0 ? kScanShare : 0.0;
 
@@ -408,19 +413,18 @@ void ColumnReader::walk(bool scannedRows)
             report(from + (1.0 - from) * double(index) / double(total));
         // A scanned sample needs nothing of the cursor but its block; any
         // other entry is stepped onto as the cursor does.
-        if (scannedRows && f_->items[index].isSample()) {
+        if (scannedRows && f_->index.items[index].isSample()) {
             completeScannedRow(index, block);
             continue;
         }
-        f_->current = int32_t(index);
-        const int code = f_->stepNext();
+        const int code = f_->stepFrom(int32_t(index));
         if (code == NO_MORE_ITEMS)
             break;
         place.index = int32_t(index);
         if (code == SAMPLE) {
             // As getFloatData and adjustTimes hand it out, straight from
             // the queue, velocities only when they are wanted.
-            const ORBItem& item = f_->items[index];
+            const ORBItem& item = f_->index.items[index];
             try {
                 const Sample* s = f_->queuedSample(int(index), velocities, &slot);
                 if (!s) {
@@ -447,7 +451,7 @@ void ColumnReader::walk(bool scannedRows)
             continue; // the cursor hands out nothing here: no row
         f_->adjustTimes(d);
         if (code == RECORDING) {
-            const ORBItem& item = f_->items[index];
+            const ORBItem& item = f_->index.items[index];
             if (d->rec.state == 1) {
                 block = nextBlock++;
                 blockOf_.emplace(item.rec, block);

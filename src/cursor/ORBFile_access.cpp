@@ -33,9 +33,9 @@ void maskEye(FSAMPLE& fs, int eye)
 
 int ORBFile::stepNext()
 {
-    if (current < 0 || size_t(current) >= items.size())
+    if (current < 0 || size_t(current) >= this->index.items.size())
         return NO_MORE_ITEMS;
-    const ORBItem& item = items[size_t(current)];
+    const ORBItem& item = this->index.items[size_t(current)];
     const int code = int(item.code());
     if (code == RECORDING)
         currentRecording = item.rec && item.rec->state ? item.rec : nullptr;
@@ -50,11 +50,11 @@ int ORBFile::stepNext()
 
 int ORBFile::readItem(int index)
 {
-    if (index < 0 || size_t(index) >= items.size()) {
+    if (index < 0 || size_t(index) >= this->index.items.size()) {
         std::memset(static_cast<void*>(&currentData), 0, sizeof currentData);
         return -1;
     }
-    const ORBItem& item = items[size_t(index)];
+    const ORBItem& item = this->index.items[size_t(index)];
     const unsigned code = item.code();
 
     if (code == RECORDING) {
@@ -65,15 +65,14 @@ int ORBFile::readItem(int index)
     }
 
     if (isEventCode(code)) {
-        resetPosition(&item);
+        decoder.resetPosition(item);
         EData event;
-        event.file = this;
-        int r = read_combfile_event(&event, 0);
+        int r = decoder.read_combfile_event(&event, 0);
         if (r < 0) {
             orb_log("error reading orb file 4   %d %ld\n", r, long(item.position));
             throw ORBException("Error reading event - type(readItem)");
         }
-        event.process_event(this);
+        event.process_event();
         std::memset(static_cast<void*>(&currentData), 0, sizeof currentData);
         currentData.fe = event.fe;
         return 0;
@@ -97,25 +96,25 @@ int ORBFile::readItem(int index)
 
 Sample* ORBFile::queuedSample(int index, bool velocities, int* slot)
 {
-    const unsigned long long key = items[size_t(index)].key();
-    Sample* s = slot ? queue->following(*slot, key) : nullptr;
+    const unsigned long long key = this->index.items[size_t(index)].key();
+    Sample* s = slot ? samples->queue().following(*slot, key) : nullptr;
     if (s) {
         ++*slot;
     } else {
         auto carriesKey = [&](const Sample* s) {
-            const int at = queue->slotOf(s);
-            return at >= 0 && queue->keyAt(at) == key;
+            const int at = samples->queue().slotOf(s);
+            return at >= 0 && samples->queue().keyAt(at) == key;
         };
-        s = queue->getSample(index);
+        s = samples->getSample(index);
         if (!carriesKey(s))
-            s = queue->getSample(index);
+            s = samples->getSample(index);
         if (slot)
-            *slot = s ? queue->slotOf(s) : -1;
+            *slot = s ? samples->queue().slotOf(s) : -1;
     }
     if (!s) // no sample carries this entry's key: the stream and the index disagree here
         return nullptr;
     if (inBlock(s->fs.time) && velocities)
-        queue->setVelocity(s, roundedRate(currentRecording->sampleRate));
+        samples->queue().setVelocity(s, roundedRate(currentRecording->sampleRate));
     return s;
 }
 
@@ -140,7 +139,7 @@ void finishSample(FSAMPLE& fs, const ORBItem& item)
 ALLF_DATA* ORBFile::getFloatData()
 {
     const int index = current - 1;
-    if (index < 0 || size_t(index) >= items.size())
+    if (index < 0 || size_t(index) >= this->index.items.size())
         return nullptr;
     // Before the first step nothing is read: the buffer as it is.
     if (!itemRequested)
@@ -155,7 +154,7 @@ ALLF_DATA* ORBFile::getFloatData()
         return nullptr;
     }
 
-    const ORBItem& item = items[size_t(index)];
+    const ORBItem& item = this->index.items[size_t(index)];
     const unsigned code = item.code();
     const unsigned long long key = item.key();
 
@@ -187,7 +186,7 @@ ALLF_DATA* ORBFile::getFloatData()
             // start: the nearest earlier paired event of this eye.
             const uint16_t marker = item.type & kEyeMarkerMask;
             for (int i = index - 1; i >= 0; --i) {
-                const ORBItem& before = items[size_t(i)];
+                const ORBItem& before = this->index.items[size_t(i)];
                 if (!isPairedCode(before.code()) || (before.type & kEyeMarkerMask) != marker)
                     continue;
                 if (before.code() == SBLINK)
@@ -224,15 +223,9 @@ ALLF_DATA* ORBFile::getFloatData()
     return &currentData;
 }
 
-void ORBFile::resetPosition(const ORBItem* item)
-{
-    stream->seek(long(item->position));
-    pendingTag = item->headerWord;
-}
-
 int ORBFile::gotoIndex(int index)
 {
-    const int count = int(items.size());
+    const int count = int(this->index.items.size());
     if (index >= 0 && index < count)
         current = index;
     return count;
@@ -240,7 +233,7 @@ int ORBFile::gotoIndex(int index)
 
 ALLF_DATA* ORBFile::getSampleCloseToTime(unsigned int key)
 {
-    const int index = findIndex(key, 0, int(items.size()));
+    const int index = this->index.findIndex(key, 0, int(this->index.items.size()));
     if (index < 1)
         return nullptr;
     // Read the sample as if stepped onto and leave the cursor as it was.

@@ -16,7 +16,7 @@ long find(const std::vector<BOOKMARK>& list, uint32_t id)
 
 int ORBFile::setBookMark(BOOKMARK* bm)
 {
-    if (!bm || uint32_t(current) >= items.size())
+    if (!bm || uint32_t(current) >= index.items.size())
         return -1;
     if (find(bookmarks, uint32_t(current)) >= 0)
         return 0;

@@ -31,31 +31,26 @@ constexpr int kMagicLineLimit = 35;
 constexpr int kPreambleLineLimit = 200;
 constexpr int kPreambleLimit = 2000; // accumulated text, terminator included
 
-bool startsWith(const char* s, const char* prefix)
-{
-    return std::strncmp(s, prefix, std::strlen(prefix)) == 0;
-}
-
 } // namespace
 
 ORBFile::ORBFile(const char* path, int options, bool loadEvents_, bool loadSamples_, IndexSorting sorting,
                  ScannedSamples* scanned)
-    : loadEvents(loadEvents_), loadSamples(loadSamples_), indexSorting(sorting), scannedSamples(scanned)
+    : loadEvents(loadEvents_), loadSamples(loadSamples_), indexSorting(sorting)
 {
     setOptions(options);
-    open(std::make_unique<FileInputStream>(path));
+    open(std::make_unique<FileInputStream>(path), scanned);
 }
 
 ORBFile::ORBFile(const void* data, size_t size, int options, bool loadEvents_, bool loadSamples_,
                  IndexSorting sorting, ScannedSamples* scanned)
-    : loadEvents(loadEvents_), loadSamples(loadSamples_), indexSorting(sorting), scannedSamples(scanned)
+    : loadEvents(loadEvents_), loadSamples(loadSamples_), indexSorting(sorting)
 {
     setOptions(options);
     if (!data && size != 0) {
         orb_log("The memory image could not be read\n");
         throw ORBException("File Could not be opened!");
     }
-    open(std::make_unique<MemoryInputStream>(data, size));
+    open(std::make_unique<MemoryInputStream>(data, size), scanned);
 }
 
 void ORBFile::setOptions(int options)
@@ -65,45 +60,45 @@ void ORBFile::setOptions(int options)
         fixupMode = consistencyMode == 2;
     tolerantScan = (options & 4) != 0;
     timeFixupOff = (options & 8) != 0;
-
-    queue = std::make_unique<SampleQueue>(this);
     std::memset(eventPairs, 0xFF, sizeof eventPairs);
 }
 
-void ORBFile::open(std::unique_ptr<InputStream> source)
+void ORBFile::open(std::unique_ptr<InputStream> source, ScannedSamples* scanned)
 {
-    stream = std::move(source);
-    isOpen = 1;
+    decoder.open(std::move(source));
 
     ContainerForm form = readMagic();
     readPreamble();
     if (form == ContainerForm::Compressed) {
-        if (auto* memory = dynamic_cast<MemoryInputStream*>(stream.get())) {
-            stream = inflateToMemory(memory->rest(), memory->restSize());
+        std::unique_ptr<InputStream> body = decoder.releaseStream();
+        if (auto* memory = dynamic_cast<MemoryInputStream*>(body.get())) {
+            decoder.continueWith(inflateToMemory(memory->rest(), memory->restSize()));
         } else {
             // A damaged body is not an error here: what inflated becomes the
             // item stream, and the readers meet its end as end of file.
-            std::unique_ptr<FileInputStream> source(static_cast<FileInputStream*>(stream.release()));
-            stream = InflatingStream::open(std::move(source));
+            std::unique_ptr<FileInputStream> file(static_cast<FileInputStream*>(body.release()));
+            decoder.continueWith(InflatingStream::open(std::move(file)));
         }
     }
+    samples = std::make_unique<SampleReader>(decoder, index, fixupMode);
 
-    preScan(tolerantScan ? 4 : 0);
-    scannedSamples = nullptr;
+    ScanOptions scan;
+    scan.tolerant = tolerantScan;
+    scan.loadEvents = loadEvents;
+    scan.loadSamples = loadSamples;
+    scan.fixupMode = fixupMode;
+    scan.sortWhileScanning = indexSorting == IndexSorting::WhileScanning;
+    preScan(decoder, index, scan, scanned);
     if (consistencyMode != 0)
-        checkConsistency();
+        index.checkConsistency(fixupMode);
 }
 
-ORBFile::~ORBFile()
-{
-    stream.reset();
-    isOpen = 0;
-}
+ORBFile::~ORBFile() { decoder.close(); }
 
 ContainerForm ORBFile::readMagic()
 {
     char line[278] = {};
-    if (stream->getTerminatedString(line, kMagicLineLimit) == 0) {
+    if (decoder.stream->getTerminatedString(line, kMagicLineLimit) == 0) {
         orb_log("error reading orb file 6\n");
         throw ORBException("End of file Exception");
     }
@@ -137,7 +132,7 @@ int ORBFile::getPreamble(char* buffer, int size)
         std::memset(buffer, 0, size_t(size));
     char line[kPreambleLineLimit] = {};
     for (;;) {
-        int r = get_combfile_preamble_text(line, kPreambleLineLimit);
+        int r = decoder.get_combfile_preamble_text(line, kPreambleLineLimit);
         if (r == -1)
             return -1;
         if (r == 1)
@@ -152,31 +147,6 @@ int ORBFile::getPreamble(char* buffer, int size)
         size_t n = std::min(text.size(), size_t(size - 1));
         std::memcpy(buffer, text.data(), n);
         buffer[n] = '\0';
-    }
-    return 0;
-}
-
-int ORBFile::get_combfile_preamble_text(char* line, int size)
-{
-    if (!line)
-        return -1;
-    if (combfile_status() < 0 || !itemReadingEnabled)
-        return -1;
-    if (preambleComplete)
-        return 1;
-
-    stream->getString(line, size);
-    if (std::strcmp(line, "ENDP:\n") == 0) {
-        preambleComplete = 1;
-        return 1;
-    }
-    if (startsWith(line, "VERSION: OCULANT MK ")) {
-        long revision = std::strtol(line + 20, nullptr, 10);
-        trackerRevision = uint16_t(revision == 0 ? 1 : revision);
-    } else if (startsWith(line, "SOURCE: OCULANT MK")) {
-        trackerModel = 2;
-    } else if (startsWith(line, "SOURCE: OCULANT HQ")) {
-        trackerModel = 3;
     }
     return 0;
 }

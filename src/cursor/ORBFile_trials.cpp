@@ -48,10 +48,10 @@ void ORBFile::collectTrials()
 
     auto fillPending = [&] {
         if (!pending && lastBlockStart > 0)
-            pending = items[size_t(lastBlockStart)].rec;
+            pending = index.items[size_t(lastBlockStart)].rec;
     };
     auto openAt = [&](size_t e) {
-        uint64_t start = items[e].key() / 2;
+        uint64_t start = index.items[e].key() / 2;
         trials.push_back(ORBTrial{nullptr, 0, uint32_t(start), uint32_t(start >> 32), uint32_t(e), 0});
         openedByBlock = true;
         closed = false;
@@ -59,9 +59,9 @@ void ORBFile::collectTrials()
         pending = nullptr;
     };
 
-    const size_t n = items.size();
+    const size_t n = index.items.size();
     for (size_t e = 0; e < n; ++e) {
-        const ORBItem& item = items[e];
+        const ORBItem& item = index.items[e];
         uint32_t time = uint32_t(item.key() / 2);
 
         if (item.code() == MESSAGE) {

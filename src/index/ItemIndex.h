@@ -22,6 +22,14 @@ public:
     // between low and high), or -1.
     int findIndex(unsigned int key, int low, int high) const;
 
+    // The consistency check of modes 1 and 2: samples outside any block are
+    // dropped, a block end sorted behind the next start is put back, and
+    // blink ends are paired.  `fixupMode` (mode 2) also re-sorts, merges
+    // the blinks inside one saccade and flags the samples inside blinks.
+    int checkConsistency(bool fixupMode);
+    void mergeBlinksInsideSaccade();
+    void markSamplesInsideBlink();
+
     std::vector<ORBItem> items;
     std::vector<std::unique_ptr<Recording>> recordings;
 

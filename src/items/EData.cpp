@@ -4,7 +4,7 @@
 #include "ORBItem.h"
 #include "base.h"
 
-EData::EData(ORBFile* owner, const FEVENT* source) : file(owner)
+EData::EData(const FEVENT* source)
 {
     // The message pointer is copied, not the text: it keeps pointing into
     // the file's message buffer.
@@ -12,7 +12,7 @@ EData::EData(ORBFile* owner, const FEVENT* source) : file(owner)
         fe = *source;
 }
 
-void EData::process_event(ORBFile* /*file*/)
+void EData::process_event()
 {
     if (!isEventCode(fe.type))
         orb_log(">>>>> FILE STRUCTURE ERROR: UNKNOWN EVENT (%d)\n", int(fe.type));

@@ -1,22 +1,20 @@
-// One decoded event together with the file it came from.
+// One decoded event.
 #ifndef ORBAPI_EDATA_H
 #define ORBAPI_EDATA_H
 
 #include "orbapi.h"
 
-class ORBFile;
-
 class EData {
 public:
     EData() = default;
-    EData(ORBFile* file, const FEVENT* source);
+    // A copy of `source` (an empty record when null).
+    explicit EData(const FEVENT* source);
 
     // Logs ">>>>> FILE STRUCTURE ERROR: UNKNOWN EVENT (%d)\n" for a type the
     // library does not know; does nothing else.
-    void process_event(ORBFile* file);
+    void process_event();
 
     FEVENT fe{};
-    ORBFile* file = nullptr;
 };
 
 #endif

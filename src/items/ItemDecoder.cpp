@@ -204,6 +204,52 @@ inline void skipBlockList(InputStream& in)
 // ---------------------------------------------------------------------------
 // Framing
 
+namespace {
+
+bool startsWith(const char* s, const char* prefix)
+{
+    return std::strncmp(s, prefix, std::strlen(prefix)) == 0;
+}
+
+} // namespace
+
+void ItemDecoder::open(std::unique_ptr<InputStream> source)
+{
+    stream = std::move(source);
+    isOpen = 1;
+}
+
+void ItemDecoder::close()
+{
+    stream.reset();
+    isOpen = 0;
+}
+
+int ItemDecoder::get_combfile_preamble_text(char* line, int size)
+{
+    if (!line)
+        return -1;
+    if (combfile_status() < 0 || !itemReadingEnabled)
+        return -1;
+    if (preambleComplete)
+        return 1;
+
+    stream->getString(line, size);
+    if (std::strcmp(line, "ENDP:\n") == 0) {
+        preambleComplete = 1;
+        return 1;
+    }
+    if (startsWith(line, "VERSION: OCULANT MK ")) {
+        long revision = std::strtol(line + 20, nullptr, 10);
+        trackerRevision = uint16_t(revision == 0 ? 1 : revision);
+    } else if (startsWith(line, "SOURCE: OCULANT MK")) {
+        trackerModel = 2;
+    } else if (startsWith(line, "SOURCE: OCULANT HQ")) {
+        trackerModel = 3;
+    }
+    return 0;
+}
+
 int ItemDecoder::combfile_status() const
 {
     if (!isOpen || !stream)

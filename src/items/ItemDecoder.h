@@ -9,12 +9,28 @@
 #include <memory>
 
 #include "EData.h"
+#include "ORBItem.h"
 #include "bytes.h"
 #include "Sample.h"
 #include "orbapi.h"
 
 class ItemDecoder {
 public:
+    // Starts reading `source` from its first byte (the magic line).
+    void open(std::unique_ptr<InputStream> source);
+    // Hands the stream over, to go on (continueWith) with what is made of
+    // it (an inflated body).
+    std::unique_ptr<InputStream> releaseStream() { return std::move(stream); }
+    void continueWith(std::unique_ptr<InputStream> source) { stream = std::move(source); }
+    // The stream is done with.
+    void close();
+
+    // Reads the next preamble line into line (size bytes): 0 a line, 1 the
+    // preamble is complete (its end line read now or before), -1 when
+    // nothing can be read.  The tracker's revision and model lines set
+    // those facts.
+    int get_combfile_preamble_text(char* line, int size);
+
     // -1 not open, 1 stream at end of file, 0 ready, 2 still in the preamble.
     int combfile_status() const;
 
@@ -38,6 +54,12 @@ public:
     int read_combfile_event_noexcept(EData* event);
     int read_combfile_event(EData* event, int catchErrors);
     float get_prescaled_word(float divisor);
+    // Stands the stream on the index entry `item`, its tag already read.
+    void resetPosition(const ORBItem& item)
+    {
+        stream->seek(long(item.position));
+        pendingTag = item.headerWord;
+    }
 
 private:
     // Widens the span of sample times seen by `time`.

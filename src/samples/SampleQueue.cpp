@@ -49,7 +49,7 @@ inline int stepShift(uint32_t d)
 
 } // namespace
 
-SampleQueue::SampleQueue(SampleSource* source) : source_(source)
+SampleQueue::SampleQueue(bool highSpeedFilter) : highSpeed_(highSpeedFilter)
 {
     clear();
 }
@@ -171,37 +171,6 @@ Sample* SampleQueue::getOldSampleSlow(unsigned long long key, int* pos)
     return nullptr;
 }
 
-Sample* SampleQueue::getSample(int itemIndex)
-{
-    if (!source_ || itemIndex < 0 || size_t(itemIndex) >= source_->entryCount())
-        return nullptr;
-    const unsigned long long key = source_->entryKey(itemIndex);
-
-    int pos = -1;
-    Sample* p = getOldSample(key, &pos);
-    if (p && pos > kLastCentredSlot) {
-        // Too close to the end for the look-ahead: shift and read on.  The
-        // sample is then found 128 slots lower.
-        source_->readSamples(itemIndex);
-        p = getOldSample(key, &pos);
-    }
-    if (p)
-        return p;
-    if (count_ > 0 && keyOf(0) <= key && key <= keyOf(count_ - 1))
-        return getOldSampleSlow(key);
-
-    source_->readSamples(itemIndex);
-    p = getOldSample(key);
-    if (!p)
-        p = getOldSampleSlow(key);
-    if (!p) {
-        clear();
-        source_->readSamples(itemIndex);
-        p = getOldSample(key);
-    }
-    return p;
-}
-
 int SampleQueue::slotOf(const Sample* s) const
 {
     const auto base = reinterpret_cast<uintptr_t>(&slots_[0].sample);
@@ -224,7 +193,7 @@ int SampleQueue::setVelocity(Sample* s, int rate)
     if (slot < 0)
         return 0;
     const unsigned long long key = keyOf(slot);
-    const bool highSpeed = source_ && source_->highSpeedFilter();
+    const bool highSpeed = highSpeed_;
     const int h = velocity::halfWidth(highSpeed, float(rate));
 
     // Neighbours k intervals away, k = 1..h: the filters read no others,
@@ -269,7 +238,7 @@ int SampleQueue::setVelocity(Sample* s, int rate)
 void SampleQueue::getVelocity(bool fast, int kind, int rate, Sample* const* neighbours, int count,
                               int eye, float* vx, float* vy) const
 {
-    velocity::one(fast, kind, rate, source_ && source_->highSpeedFilter(), neighbours, count, eye, vx, vy);
+    velocity::one(fast, kind, rate, highSpeed_, neighbours, count, eye, vx, vy);
 }
 
 double SampleQueue::calcVelocity_non_hspd(bool fast, const float* p, int n, float resolution,

@@ -9,21 +9,6 @@
 
 #include "items.h"
 
-// What the queue reads from: the time keys of the index entries, runs of
-// samples read into the queue, and the filter model of the tracker.
-class SampleSource {
-public:
-    virtual size_t entryCount() const = 0;
-    virtual unsigned long long entryKey(int index) const = 0;
-    // Reads the run of samples that starts at index entry `index` into the
-    // queue.
-    virtual void readSamples(int index) = 0;
-    virtual bool highSpeedFilter() const = 0;
-
-protected:
-    ~SampleSource() = default;
-};
-
 class SampleQueue {
 public:
     static constexpr int kSlots = 512;
@@ -34,7 +19,9 @@ public:
     // them.
     static constexpr float kCarriedPupilStart = 1000.0f;
 
-    explicit SampleQueue(SampleSource* source);
+    // `highSpeedFilter`: velocities with the filter of the high-speed
+    // tracker model.
+    explicit SampleQueue(bool highSpeedFilter = false);
 
     // Empties the queue and resets the carried pupil sizes.
     void clear();
@@ -53,9 +40,7 @@ public:
     Sample* getOldSample(unsigned long long key, int* pos = nullptr);
     // Linear lookup.
     Sample* getOldSampleSlow(unsigned long long key, int* pos = nullptr);
-    // The sample of index entry itemIndex, reading a batch when needed.
-    Sample* getSample(int itemIndex);
-    // What getSample hands out for an entry whose key is `key` when the
+    // What SampleReader::getSample hands out for an entry whose key is `key` when the
     // entry at `slot` went before it: the next slot, when it holds that key
     // and lies where getSample takes a sample without reading on; null
     // otherwise (getSample then decides).
@@ -105,7 +90,7 @@ private:
     int head_ = 0; // the array index of slot 0
     unsigned long long keys_[kSlots]; // by array index, as slots_; 0 past the entries
     Slot slots_[kSlots];
-    SampleSource* source_;
+    bool highSpeed_;
     float carriedPupil_[2];
 };
 

@@ -5,5 +5,6 @@
 #define ORBAPI_DOOR_SAMPLES_H
 
 #include "../SampleQueue.h"
+#include "../SampleReader.h"
 
 #endif

@@ -14,7 +14,7 @@
 #include <new>
 
 #include "base.h"
-#include "ORBFile.h"
+#include "PreScan.h"
 #include "items.h"
 
 namespace {
@@ -93,20 +93,21 @@ int64_t truncatedClamp(double v, int64_t limit)
 
 class PreScanner {
 public:
-    PreScanner(ORBFile& file, bool tolerant) : f_(file), tolerant_(tolerant), sorter_(file)
+    PreScanner(ItemDecoder& decoder, ItemIndex& index, const ScanOptions& options, ScannedSamples* receiver)
+        : dec_(decoder), index_(index), opt_(options), tolerant_(options.tolerant),
+          receiver_(options.loadSamples ? receiver : nullptr), sorter_(index)
     {
-        event_.file = &file;
     }
 
-    void run();
+    ScanFacts run();
 
 private:
     void reserveIndex();
     void append(const ORBItem& item)
     {
-        if (f_.items.size() == f_.items.capacity())
+        if (index_.items.size() == index_.items.capacity())
             grow(1);
-        f_.items.push_back(item);
+        index_.items.push_back(item);
     }
     void grow(uint64_t extra);
     // The entries that will not change any more: all but those from the
@@ -123,8 +124,12 @@ private:
     void clearExtraDataFlagOfOpenBlock();
     void noteBlockStart();
 
-    ORBFile& f_;
+    ItemDecoder& dec_;
+    ItemIndex& index_;
+    const ScanOptions& opt_;
     const bool tolerant_;
+    ScannedSamples* const receiver_; // null unless samples are loaded
+    ScanFacts facts_;
     Sample sample_;
     bool sampleDecoded_ = false;
     EData event_;
@@ -141,15 +146,15 @@ private:
 
 void PreScanner::reserveIndex()
 {
-    const int64_t length = f_.stream->length();
+    const int64_t length = dec_.stream->length();
     if (length <= 0)
         return;
     streamBytes_ = uint64_t(length);
-    int32_t at = f_.stream->position();
+    int32_t at = dec_.stream->position();
     uint64_t remaining = streamBytes_ > uint64_t(std::max(at, 0)) ? streamBytes_ - uint64_t(at) : 0;
     uint64_t estimate = std::min(remaining / kBytesPerEntryGuess + 256, kMaxReservedEntries);
     try {
-        f_.items.reserve(size_t(estimate));
+        index_.items.reserve(size_t(estimate));
     } catch (const std::bad_alloc&) {
         // Left to ordinary growth.
     }
@@ -157,9 +162,9 @@ void PreScanner::reserveIndex()
 
 void PreScanner::grow(uint64_t extra)
 {
-    const uint64_t have = f_.items.size();
+    const uint64_t have = index_.items.size();
     uint64_t want = have + extra + have / 8 + 1024;
-    const int32_t at = f_.stream->position();
+    const int32_t at = dec_.stream->position();
     if (streamBytes_ != 0 && at > 0 && have > 0 && uint64_t(at) < streamBytes_) {
         // What is left, at the density seen so far, and a sixteenth more.
         const double perByte = double(have) / double(at);
@@ -168,12 +173,12 @@ void PreScanner::grow(uint64_t extra)
     }
     want = std::max(std::min(want, kMaxReservedEntries), have + extra);
     const auto paused = sorter_.pause();
-    f_.items.reserve(size_t(want));
+    index_.items.reserve(size_t(want));
 }
 
 size_t PreScanner::finalEntries() const
 {
-    size_t n = f_.items.size();
+    size_t n = index_.items.size();
     for (const PairSlot& slot : slots_) {
         if (slot.samples)
             n = std::min(n, slot.samplesAt);
@@ -183,24 +188,24 @@ size_t PreScanner::finalEntries() const
     return n;
 }
 
-void PreScanner::run()
+ScanFacts PreScanner::run()
 {
     reserveIndex();
-    ScannedSamples* const receiver = f_.loadSamples ? f_.scannedSamples : nullptr;
-    const bool trueStart = f_.stream->positionIsOffset();
+    ScannedSamples* const receiver = receiver_;
+    const bool trueStart = dec_.stream->positionIsOffset();
     if (receiver) {
-        const int32_t at = std::max(f_.stream->position(), 0);
+        const int32_t at = std::max(dec_.stream->position(), 0);
         receiver->begin(streamBytes_ > uint64_t(at) ? int64_t(streamBytes_ - uint64_t(at)) : -1);
     }
     size_t nextPublish = kPublishEvery;
     for (;;) {
-        if (f_.items.size() >= nextPublish && f_.indexSorting == ORBFile::IndexSorting::WhileScanning) {
+        if (index_.items.size() >= nextPublish && opt_.sortWhileScanning) {
             sorter_.publish(finalEntries());
-            nextPublish = f_.items.size() + kPublishEvery;
+            nextPublish = index_.items.size() + kPublishEvery;
         }
         int kind;
         try {
-            kind = f_.next_combfile_item(nullptr);
+            kind = dec_.next_combfile_item(nullptr);
         } catch (const ORBException& e) {
             if (!tolerant_)
                 throw;
@@ -213,32 +218,34 @@ void PreScanner::run()
             orb_log("error reading orb file 3\n");
             throw ORBException("Error reading orb file unknown data type");
         }
-        const int32_t position = f_.stream->position();
-        const uint16_t header = f_.pendingTag;
+        const int32_t position = dec_.stream->position();
+        const uint16_t header = dec_.pendingTag;
         const bool more = kind == 1 ? scanSample(position, header) : scanEvent(position, header);
         if (!more)
             break;
     }
+    facts_.positionsAreOffsets = trueStart && dec_.stream->positionIsOffset();
     if (receiver)
-        receiver->end(trueStart && f_.stream->positionIsOffset());
+        receiver->end(facts_);
     sorter_.finish();
+    return facts_;
 }
 
 bool PreScanner::scanSample(int32_t position, uint16_t header)
 {
     // The index needs only a sample's time and flags, unless a receiver
     // takes the whole sample.
-    ScannedSamples* const receiver = f_.loadSamples ? f_.scannedSamples : nullptr;
+    ScannedSamples* const receiver = receiver_;
     int read;
     if (receiver) {
         Sample* const s = receiver->next();
-        read = f_.read_combfile_sample(s, 0, tolerant_);
+        read = dec_.read_combfile_sample(s, 0, tolerant_);
         // What the scan keeps of the last sample.
         sample_.fs.time = s->fs.time;
         sample_.fs.flags = s->fs.flags;
         sample_.fs.extraType = s->fs.extraType;
     } else {
-        read = f_.frame_combfile_sample(&sample_, tolerant_);
+        read = dec_.frame_combfile_sample(&sample_, tolerant_);
     }
     if (read < 0) {
         orb_log("error reading orb file 2\n");
@@ -248,19 +255,19 @@ bool PreScanner::scanSample(int32_t position, uint16_t header)
         return false;
     }
     sampleDecoded_ = true;
-    if (f_.scanFacts.blockStarts == 0)
-        f_.scanFacts.uniformBlocks = false;
-    if (!f_.loadSamples)
+    if (facts_.blockStarts == 0)
+        facts_.uniformBlocks = false;
+    if (!opt_.loadSamples)
         return true;
-    ++f_.scanFacts.samples;
+    ++facts_.samples;
     if (sample_.fs.flags & kPupilGroup)
-        ++f_.scanFacts.pupilGroups;
+        ++facts_.pupilGroups;
 
     const uint64_t t = sample_.fs.time;
     // A second sample within one millisecond (2000 Hz) sits half a
     // millisecond later.
     const uint64_t key = 2 * t + (prevTime_ == t ? 1 : 0);
-    if (f_.fixupMode && prevTime_ != kNoTime && prevTime_ != 0 && prevPrevTime_ != kNoTime &&
+    if (opt_.fixupMode && prevTime_ != kNoTime && prevTime_ != 0 && prevPrevTime_ != kNoTime &&
         prevPrevTime_ != 0)
         fillGap(key, position);
     append(makeItem(position, SAMPLE, header, key));
@@ -288,7 +295,7 @@ void PreScanner::fillGap(uint64_t key, int32_t position)
         if (period_ <= 0)
             return;
         // The block start's rate wins over the spacing of two samples.
-        const double expected = 2000.0 / double(f_.sampleRate);
+        const double expected = 2000.0 / double(dec_.sampleRate);
         if (expected >= 1.0 && expected < double(kLongestPeriod + 1)) {
             const int64_t e = int64_t(expected);
             if (e != period_) {
@@ -312,10 +319,10 @@ void PreScanner::fillGap(uint64_t key, int32_t position)
     if (n < 2 || placeholders_ > budget || n - 1 > budget - placeholders_)
         return;
     placeholders_ += n - 1;
-    if (f_.items.capacity() - f_.items.size() < n)
+    if (index_.items.capacity() - index_.items.size() < n)
         grow(n);
     for (uint64_t k = 1; k < n; ++k)
-        f_.items.push_back(makeItem(-1, SAMPLE, 0, prevKey + k * uint64_t(period_)));
+        index_.items.push_back(makeItem(-1, SAMPLE, 0, prevKey + k * uint64_t(period_)));
 }
 
 bool PreScanner::scanEvent(int32_t position, uint16_t header)
@@ -323,7 +330,7 @@ bool PreScanner::scanEvent(int32_t position, uint16_t header)
     // Each event starts from an empty record: the decoder fills only the
     // fields the item carries.
     event_.fe = FEVENT{};
-    if (f_.read_combfile_event(&event_, tolerant_) < 0) {
+    if (dec_.read_combfile_event(&event_, tolerant_) < 0) {
         orb_log("error reading orb file 1\n");
         if (!tolerant_)
             throw ORBException("Error reading event - type(preScan)");
@@ -338,7 +345,7 @@ bool PreScanner::scanEvent(int32_t position, uint16_t header)
         orb_log("Unexpected event type tag 0. Skipping event \n");
         return true;
     }
-    if (!f_.loadEvents && (c < SSAMPLES || c > EEVENTS))
+    if (!opt_.loadEvents && (c < SSAMPLES || c > EEVENTS))
         return true;
     // An event claiming the code of a recording item (only a damaged file
     // has one) cannot be told from a real one in the index: it is left out.
@@ -369,7 +376,7 @@ bool PreScanner::scanEvent(int32_t position, uint16_t header)
         break;
     case SSAMPLES:
     case SEVENTS:
-        if (c == SSAMPLES ? !f_.loadSamples : !f_.loadEvents) {
+        if (c == SSAMPLES ? !opt_.loadSamples : !opt_.loadEvents) {
             period_ = kNoPeriod;
             return true;
         }
@@ -378,9 +385,9 @@ bool PreScanner::scanEvent(int32_t position, uint16_t header)
         break;
     case ESAMPLES:
     case EEVENTS:
-        if (c == ESAMPLES ? !f_.loadSamples : !f_.loadEvents)
+        if (c == ESAMPLES ? !opt_.loadSamples : !opt_.loadEvents)
             return true;
-        if (f_.loadSamples)
+        if (opt_.loadSamples)
             clearExtraDataFlagOfOpenBlock();
         block = pairBlock(c, fe);
         key = 2 * uint64_t(fe.endTime);
@@ -397,13 +404,13 @@ bool PreScanner::scanEvent(int32_t position, uint16_t header)
 
 void PreScanner::noteBlockStart()
 {
-    ORBFile::ScanFacts& facts = f_.scanFacts;
+    ScanFacts& facts = facts_;
     auto same = [](float a, float b) { return std::memcmp(&a, &b, sizeof a) == 0; };
     if (facts.blockStarts++ == 0) {
-        facts.gazeDivisor = f_.gazeDivisor;
-        facts.secondScale = f_.secondScale;
+        facts.gazeDivisor = dec_.gazeDivisor;
+        facts.secondScale = dec_.secondScale;
     }
-    if (!f_.blockSelfContained || !same(facts.gazeDivisor, f_.gazeDivisor) || !same(facts.secondScale, f_.secondScale))
+    if (!dec_.blockSelfContained || !same(facts.gazeDivisor, dec_.gazeDivisor) || !same(facts.secondScale, dec_.secondScale))
         facts.uniformBlocks = false;
 }
 
@@ -412,9 +419,9 @@ void PreScanner::noteBlockStart()
 // marker of the block arrives, while the block's start is the last record.
 void PreScanner::clearExtraDataFlagOfOpenBlock()
 {
-    if (f_.recordings.empty() || !sampleDecoded_)
+    if (index_.recordings.empty() || !sampleDecoded_)
         return;
-    Recording& open = *f_.recordings.back();
+    Recording& open = *index_.recordings.back();
     const FSAMPLE& last = sample_.fs;
     if (open.state == 1 && (last.flags & kExtraData) &&
         ((unsigned(last.extraType) >> 4) & 0x0F) == 15 && open.sampleFlags != 0)
@@ -428,19 +435,19 @@ Recording* PreScanner::pairBlock(unsigned code, const FEVENT& fe)
 
     auto r = std::make_unique<Recording>();
     r->time = start ? fe.startTime : fe.endTime;
-    r->sampleRate = f_.sampleRate;
+    r->sampleRate = dec_.sampleRate;
     r->eventFlags = code == SEVENTS ? fe.blockFlags : 0;
     r->sampleFlags = code == SSAMPLES ? fe.blockFlags : 0;
     r->state = start ? 1 : 0;
     r->recordType = samplesSide ? 1 : 2;
     r->filterFlag = fe.blockOption == 1 ? 0 : 1;
-    r->modeFlag = f_.modeValue != 0 ? 1 : 0;
-    r->modeLevel = uint8_t(f_.levelValue);
+    r->modeFlag = dec_.modeValue != 0 ? 1 : 0;
+    r->modeLevel = uint8_t(dec_.levelValue);
     r->blockOption2 = 0; // the block items carry no second option byte
     if (start)
         r->eyes = blockEyes(code, fe);
     else
-        r->eyes = f_.recordings.empty() ? 0 : f_.recordings.back()->eyes;
+        r->eyes = index_.recordings.empty() ? 0 : index_.recordings.back()->eyes;
     r->orderKey = 2 * uint64_t(r->time);
     r->itemRef = 0;
     if (code == SSAMPLES)
@@ -459,7 +466,7 @@ Recording* PreScanner::pairBlock(unsigned code, const FEVENT& fe)
     // half-milliseconds as twice the rate in hertz, that is as many
     // milliseconds as the rate has hertz.  A side still empty matches
     // nothing.
-    const int64_t tolerance = truncatedClamp(2.0 * double(f_.sampleRate), INT64_MAX / 4);
+    const int64_t tolerance = truncatedClamp(2.0 * double(dec_.sampleRate), INT64_MAX / 4);
     const uint64_t distance = slot.eventsKey > slot.samplesKey ? slot.eventsKey - slot.samplesKey
                                                                 : slot.samplesKey - slot.eventsKey;
     if (slot.samples && slot.events && distance <= uint64_t(tolerance)) {
@@ -481,16 +488,16 @@ Recording* PreScanner::pairBlock(unsigned code, const FEVENT& fe)
     }
 
     // A block of its own: its recording item goes in next.
-    (samplesSide ? slot.samplesAt : slot.eventsAt) = f_.items.size();
-    f_.recordings.push_back(std::move(r));
+    (samplesSide ? slot.samplesAt : slot.eventsAt) = index_.items.size();
+    index_.recordings.push_back(std::move(r));
     if (start)
         period_ = kNoPeriod;
-    return f_.recordings.back().get();
+    return index_.recordings.back().get();
 }
 
 } // namespace
 
-void ORBFile::preScan(int tolerant)
+ScanFacts preScan(ItemDecoder& decoder, ItemIndex& index, const ScanOptions& options, ScannedSamples* receiver)
 {
-    PreScanner(*this, tolerant != 0).run();
+    return PreScanner(decoder, index, options, receiver).run();
 }

@@ -1,4 +1,5 @@
-// Reading a run of samples from the stream into the sample queue.
+// Reading a run of samples from the stream into the sample queue, and
+// handing out the queued sample of an index entry.
 //
 // The index is the authority on time: the batch walks the index's sample
 // entries and the stream's items together, and files each decoded sample
@@ -6,8 +7,8 @@
 // stream lacks (placeholders, position -1) become missing samples.
 #include <cstring>
 
+#include "SampleReader.h"
 #include "base.h"
-#include "ORBFile.h"
 #include "items.h"
 
 namespace {
@@ -40,12 +41,18 @@ bool endsBlock(unsigned code) { return code == ESAMPLES || code == EEVENTS; }
 
 } // namespace
 
-int ORBFile::batchReadSample(int itemIndex)
+SampleReader::SampleReader(ItemDecoder& decoder, const ItemIndex& index, bool fixupMode)
+    : decoder_(decoder), index_(index), fixupMode_(fixupMode), queue_(decoder.trackerModel >= 3)
 {
+}
+
+int SampleReader::readBatch(int itemIndex)
+{
+    const std::vector<ORBItem>& items = index_.items;
     const int n = int(items.size());
     if (itemIndex < 0 || itemIndex >= n || items[size_t(itemIndex)].code() != SAMPLE)
         return 0;
-    SampleQueue& q = *queue;
+    SampleQueue& q = queue_;
     if (q.isOutOfBoundsToAdd(items[size_t(itemIndex)].timeKey))
         q.clear();
     else
@@ -76,9 +83,8 @@ int ORBFile::batchReadSample(int itemIndex)
         at = next;
     }
 
-    resetPosition(&items[size_t(at)]);
+    decoder_.resetPosition(items[size_t(at)]);
     EData event;
-    event.file = this;
     bool firstRead = true;
 
     // The stream walk: the kind of the item at hand comes from the previous
@@ -94,7 +100,7 @@ int ORBFile::batchReadSample(int itemIndex)
                     return 0;
             } else {
                 event.fe = FEVENT{};
-                int r = read_combfile_event(&event, 0);
+                int r = decoder_.read_combfile_event(&event, 0);
                 if (r < 0) {
                     orb_log("error reading orb file 4   %d %ld\n", r, long(items[size_t(at)].position));
                     return 0;
@@ -113,7 +119,7 @@ int ORBFile::batchReadSample(int itemIndex)
                 // Already queued (a shift kept it, and the batch reads on
                 // from the sample at hand): the queue would not take it
                 // again, so it is only stepped over.
-                if (frame_combfile_sample(&sample, 0) < 0) {
+                if (decoder_.frame_combfile_sample(&sample, 0) < 0) {
                     orb_log("error reading orb file 5\n");
                     throw ORBException("Error reading Sample - type");
                 }
@@ -124,10 +130,10 @@ int ORBFile::batchReadSample(int itemIndex)
                     std::memcpy(static_cast<void*>(&sample.fs), &kZeroSample, sizeof sample.fs);
                     unsigned int expected = 0;
                     if (firstRead) {
-                        resetPosition(&entry);
+                        decoder_.resetPosition(entry);
                         expected = runStartTime(entry);
                     }
-                    if (read_combfile_sample(&sample, expected, 0) < 0) {
+                    if (decoder_.read_combfile_sample(&sample, expected, 0) < 0) {
                         orb_log("error reading orb file 5\n");
                         throw ORBException("Error reading Sample - type");
                     }
@@ -137,7 +143,7 @@ int ORBFile::batchReadSample(int itemIndex)
                     firstRead = true;
                 }
                 // Repair mode trusts the index over the stream for the time.
-                if (fixupMode && sample.fs.time != uint32_t(key >> 1))
+                if (fixupMode_ && sample.fs.time != uint32_t(key >> 1))
                     makeMissingSample(sample, key);
                 q.addSample(&sample, key);
             }
@@ -149,10 +155,42 @@ int ORBFile::batchReadSample(int itemIndex)
                 return 0;
             at = next;
         }
-        kind = next_combfile_item(nullptr);
+        kind = decoder_.next_combfile_item(nullptr);
         // -1: the item stream ends.  2 (not in item mode) cannot change by
         // reading on, so it ends the batch as well.
         if (kind == -1 || kind == 2)
             return 0;
     }
+}
+
+Sample* SampleReader::getSample(int itemIndex)
+{
+    if (itemIndex < 0 || size_t(itemIndex) >= index_.items.size())
+        return nullptr;
+    const unsigned long long key = index_.items[size_t(itemIndex)].key();
+    SampleQueue& q = queue_;
+
+    int pos = -1;
+    Sample* p = q.getOldSample(key, &pos);
+    if (p && pos > SampleQueue::kLastCentredSlot) {
+        // Too close to the end for the look-ahead: shift and read on.  The
+        // sample is then found 128 slots lower.
+        readBatch(itemIndex);
+        p = q.getOldSample(key, &pos);
+    }
+    if (p)
+        return p;
+    if (q.size() > 0 && q.keyAt(0) <= key && key <= q.keyAt(q.size() - 1))
+        return q.getOldSampleSlow(key);
+
+    readBatch(itemIndex);
+    p = q.getOldSample(key);
+    if (!p)
+        p = q.getOldSampleSlow(key);
+    if (!p) {
+        q.clear();
+        readBatch(itemIndex);
+        p = q.getOldSample(key);
+    }
+    return p;
 }

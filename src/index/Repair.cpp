@@ -1,19 +1,15 @@
-// Consistency repair of the item index, and the time adjustment of the
-// records handed out.
+// Consistency repair of the item index.
 //
 // The repairs change the index only: entries are dropped, moved, re-timed
 // or flagged in the high byte of their type word; the file is never
 // touched.
 #include <algorithm>
 
-#include "ORBFile.h"
+#include "ItemIndex.h"
+#include "items.h"
 #include "base.h"
 
 namespace {
-
-// Record times from this many milliseconds on carry a large clock offset
-// that the time adjustment removes.
-constexpr uint32_t kTimeOffsetThreshold = 200000000u;
 
 // Eye index of a paired event: its eye marker minus one.
 inline int eyeIndex(const ORBItem& item) { return (item.type & kEyeMarkerMask) == eyeMarker(1) ? 1 : 0; }
@@ -40,7 +36,7 @@ void compactIndex(std::vector<ORBItem>& items, Visit visit)
 // the walk goes (kept entries are written back at `kept`), so that a file
 // with many stray samples costs one pass; the indexes the walk remembers
 // are places in the kept part.
-int ORBFile::checkConsistency()
+int ItemIndex::checkConsistency(bool fixupMode)
 {
     bool outsideBlock = true;
     long lastStart = -1;
@@ -119,7 +115,7 @@ int ORBFile::checkConsistency()
 // the second blink's start and the first one's end are dropped, and the
 // end that closes the joined blink is flagged.  The walk compacts the index
 // as checkConsistency does.
-void ORBFile::mergeBlinksInsideSaccade()
+void ItemIndex::mergeBlinksInsideSaccade()
 {
     int blinkStarts[2] = {0, 0};
     long lastBlinkEnd[2] = {-1, -1};
@@ -159,7 +155,7 @@ void ORBFile::mergeBlinksInsideSaccade()
     });
 }
 
-void ORBFile::markSamplesInsideBlink()
+void ItemIndex::markSamplesInsideBlink()
 {
     bool inBlink[2] = {false, false};
     for (ORBItem& item : items) {
@@ -173,52 +169,5 @@ void ORBFile::markSamplesInsideBlink()
         } else if (item.code() == SBLINK || item.code() == EBLINK) {
             inBlink[eyeIndex(item)] = item.code() == SBLINK;
         }
-    }
-}
-
-// The offset is settled by the first record handed out: times of a tracker
-// clock that has run for days are shifted back by it, small times are left
-// alone for the whole file.
-bool ORBFile::settleTimeOffset(uint32_t first)
-{
-    if (timeOffset != 0)
-        return true;
-    timeOffset = first;
-    if (timeOffset < kTimeOffsetThreshold) {
-        timeFixupOff = true;
-        return false;
-    }
-    orb_log("Enabling time offset fixup\n");
-    return true;
-}
-
-void ORBFile::adjustTime(uint32_t& time)
-{
-    if (!timeFixupOff && settleTimeOffset(time))
-        time -= timeOffset;
-}
-
-void ORBFile::adjustTimes(ALLF_DATA* data)
-{
-    if (timeFixupOff)
-        return;
-    if (current <= 0 || size_t(current) > items.size()) {
-        orb_log("Unknown type %d\n", 0);
-        return;
-    }
-    const unsigned c = items[size_t(current) - 1].code();
-
-    if (c == RECORDING || c == SAMPLE) {
-        adjustTime(c == RECORDING ? data->rec.time : data->fs.time);
-    } else if (isEventCode(c)) {
-        FEVENT& fe = data->fe;
-        const uint32_t first = fe.time == 0 ? fe.startTime : std::min(fe.time, fe.startTime);
-        if (!settleTimeOffset(first))
-            return;
-        fe.time -= timeOffset;
-        fe.startTime -= timeOffset;
-        fe.endTime -= timeOffset;
-    } else {
-        orb_log("Unknown type %d\n", int(c));
     }
 }
