@@ -5,9 +5,8 @@ from collections.abc import Iterator, Mapping
 from typing import Any
 
 from . import _core
+from ._facts import MESSAGE, RECORDING, SAMPLE
 from ._source import Source, resolve
-
-SAMPLE, RECORDING, MESSAGE = 200, 30, 24
 
 
 class Record(Mapping):

@@ -23,8 +23,10 @@ from __future__ import annotations
 import os
 from typing import Sequence
 
+from ._facts import MAGIC
+
 #: An ORB recording without items: its tables are empty but fully typed.
-EMPTY_RECORDING = b"NORVANE_LAB_COMBFILE\nENDP:\n\0\0"
+EMPTY_RECORDING = MAGIC.encode() + b"ENDP:\n\0\0"
 
 
 def _dd():
