@@ -36,15 +36,33 @@ def _span(samples, messages, events):
 
 
 def _channels(eyes):
-    names, mapping = [], {}
+    """Name, MNE type, eye (-1 left, 1 right) and axis (-1 x, 1 y, None)
+    of each channel."""
+    out = []
     for eye in eyes:
-        for axis in ("x", "y"):
-            name = f"{axis}pos_{eye}"
-            names.append(name)
-            mapping[name] = ("eyegaze", "px", eye, axis)
-        names.append(f"pupil_{eye}")
-        mapping[f"pupil_{eye}"] = ("pupil", "au", eye)
-    return names, mapping
+        side = -1 if eye == EYE_NAMES[0] else 1
+        out += [(f"xpos_{eye}", "eyegaze", side, -1), (f"ypos_{eye}", "eyegaze", side, 1),
+                (f"pupil_{eye}", "pupil", side, None)]
+    return out
+
+
+def _type_eyetrack(mne, raw, channels):
+    """Types the channels as ``set_channel_types_eyetrack`` of
+    ``mne.preprocessing.eyetracking`` does (gaze in pixels, pupil in
+    arbitrary units, the eye and axis in ``loc``), without importing that
+    module: it brings SciPy's signal and statistics packages, which take
+    longer to load than the whole conversion takes."""
+    fiff = mne.io.constants.FIFF
+    for ch, (_, kind, side, axis) in zip(raw.info["chs"], channels):
+        gaze = kind == "eyegaze"
+        ch["kind"] = fiff.FIFFV_EYETRACK_CH
+        ch["coil_type"] = fiff.FIFFV_COIL_EYETRACK_POS if gaze else fiff.FIFFV_COIL_EYETRACK_PUPIL
+        ch["unit"] = fiff.FIFF_UNIT_PX if gaze else fiff.FIFF_UNIT_NONE
+        loc = np.full(12, np.nan)
+        loc[3] = side
+        if gaze:
+            loc[4] = axis
+        ch["loc"] = loc
 
 
 def _runs(mask):
@@ -96,9 +114,9 @@ def to_mne(recording, *,
 
     Channels ``xpos_left``, ``ypos_left``, ``pupil_left`` and the same for
     the right eye, for the eyes recorded (those the blocks say, even where
-    one of them has no valid value), typed with
-    ``mne.preprocessing.eyetracking.set_channel_types_eyetrack`` (gaze in
-    pixels, pupil in arbitrary units).  ``sfreq`` is the recording's sample
+    one of them has no valid value), typed as
+    ``mne.preprocessing.eyetracking.set_channel_types_eyetrack`` types them
+    (gaze in pixels, pupil in arbitrary units).  ``sfreq`` is the recording's sample
     rate.  The data lie on a regular grid from the recording's first item
     (sample, event start or end, message) to its last: the sample at time
     ``t`` goes to cell ``floor((t - t0) * sfreq / 1000 + 0.5)``.  Missing
@@ -140,19 +158,17 @@ def to_mne(recording, *,
     per_ms = sfreq / 1000.0
 
     n = int(np.floor((t_end - t0) * per_ms + 0.5)) + 1
-    ch_names, mapping = _channels(eyes)
+    channels = _channels(eyes)
+    ch_names = [c[0] for c in channels]
     times = np.asarray(samples.get("time", ()), np.float64)
     cells = np.floor((times - t0) * per_ms + 0.5).astype(np.int64)
     columns = [samples[f"{name}_{eye}"] for eye in eyes
                for name in ("gaze_x", "gaze_y", "pupil_size")]
     data, filled = _grid(columns, cells, n)
 
-    info = mne.create_info(
-        ch_names, sfreq,
-        ["eyegaze" if kind[0] == "eyegaze" else "pupil"
-         for kind in mapping.values()])
+    info = mne.create_info(ch_names, sfreq, [c[1] for c in channels])
     raw = mne.io.RawArray(data, info, copy=None, verbose=False)
-    mne.preprocessing.eyetracking.set_channel_types_eyetrack(raw, mapping)
+    _type_eyetrack(mne, raw, channels)
 
     onset, duration, description, chans = [], [], [], []
     # The channels an annotation is tied to, by the eye column of events
