@@ -161,6 +161,17 @@ def test_parquet_folder_is_one_dataset_with_options_applied(capsys, tmp_path, st
     assert trials.loc[trials.file == study[0], "rt"].isna().all()
 
 
+def test_variable_prefix_reaches_the_reader(capsys, tmp_path):
+    path = typical(trials=2, messages=False, variable_prefix="var ",
+                   variables={"rt": [412, 388]}).write(tmp_path / "prefixed.orb")
+    out_dir = tmp_path / "out"
+    code, _, _ = run(capsys, "convert", path, "-o", str(out_dir), "--tables", "trials",
+                     "--variables", "all", "--variable-prefix", "var ")
+    assert code == 0
+    trials = pd.read_parquet(out_dir / "trials")
+    assert trials.rt.tolist() == [412, 388] and "TRIALID" not in trials.columns
+
+
 def test_a_damaged_recording_is_reported_and_skipped(capsys, tmp_path, study):
     broken = typical(damage="bad_magic").write(tmp_path / "study" / "p00.orb")
     missing = str(tmp_path / "nowhere.orb")

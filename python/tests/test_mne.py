@@ -244,3 +244,16 @@ def test_toolkits_are_not_imported_with_the_package():
             "print(sorted({'mne', 'pymovements'} & set(sys.modules)))")
     out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, check=True)
     assert out.stdout.strip() == "[]"
+
+
+def test_first_conversion_in_a_process_loads_mne_io_beside_the_grid(make_recording):
+    """In a fresh process MNE's io modules are not loaded yet; to_mne loads
+    them on a thread while it fills the grid, and gives the same Raw."""
+    path = make_recording(rate=500, trials=2)
+    code = ("import sys, mne, numpy, orbapi; assert 'mne.io.base' not in sys.modules; "
+            f"raw = orbapi.read({path!r}).to_mne(); "
+            "print(raw.n_times, len(raw.annotations), numpy.nansum(raw.get_data()))")
+    out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, check=True)
+    raw = orbapi.read(path).to_mne()
+    assert out.stdout.split() == [str(raw.n_times), str(len(raw.annotations)),
+                                  str(np.nansum(raw.get_data()))]

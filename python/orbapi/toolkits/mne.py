@@ -7,6 +7,9 @@ raises an ``ImportError`` that names the extra to install (``orbapi[mne]``).
 
 from __future__ import annotations
 
+import gc
+import sys
+import threading
 import warnings
 
 import numpy as np
@@ -106,6 +109,18 @@ def _grid(columns, cells, n):
     return data, filled
 
 
+def _load_io(mne):
+    """Starts loading MNE's io modules on a thread of their own, when they
+    are not loaded yet: MNE loads them on first use, which takes longer than
+    the rest of a first conversion, and most of the grid's filling runs
+    without the interpreter lock beside it.  Returns the thread, or None."""
+    if "mne.io.base" in sys.modules:
+        return None
+    thread = threading.Thread(target=lambda: mne.io.RawArray, name="orbapi-mne-io")
+    thread.start()
+    return thread
+
+
 def to_mne(recording, *,
            annotations=("blinks", "saccades", "fixations", "messages"),
            block=None):
@@ -144,6 +159,7 @@ def to_mne(recording, *,
         epochs = mne.Epochs(raw, events, tmin=-0.2, tmax=1.0)
     """
     mne = require("mne", "mne")
+    loading = _load_io(mne)
     unknown = [a for a in annotations if a not in _ANNOTATION_KINDS]
     if isinstance(annotations, str) or unknown:
         raise ValueError(
@@ -165,6 +181,8 @@ def to_mne(recording, *,
     columns = [samples[f"{name}_{eye}"] for eye in eyes
                for name in ("gaze_x", "gaze_y", "pupil_size")]
     data, filled = _grid(columns, cells, n)
+    if loading is not None:
+        loading.join()
 
     info = mne.create_info(ch_names, sfreq, [c[1] for c in channels])
     raw = mne.io.RawArray(data, info, copy=None, verbose=False)
@@ -233,13 +251,24 @@ def _annotate(mne, raw, onset, duration, description, ch_names, texts):
     target._description = description.astype(like._description.dtype)
     target._ch_names = ch_names
     if hasattr(like, "_extras"):
-        # Empty extras, one each; made without the dict class's __init__,
-        # which costs more than all the arrays above.
-        kind = type(like._extras[0])
-        extras = [kind.__new__(kind) for _ in range(len(order))]
+        target._extras = _empty_extras(type(like._extras[0]), len(order))
+
+
+def _empty_extras(kind, n):
+    """n empty extras dicts of MNE's class `kind`, each its own.  Made
+    without the class's __init__ and with the cyclic garbage collector
+    paused (tens of thousands of new containers would start it over and
+    over): otherwise they cost more than all the rest of the annotations."""
+    paused = gc.isenabled()
+    gc.disable()
+    try:
+        extras = [object.__new__(kind) for _ in range(n)]
         for e in extras:
             e.data = {}
-        target._extras = extras
+    finally:
+        if paused:
+            gc.enable()
+    return extras
 
 
 def write_fif(recording, path, *, overwrite=True):
