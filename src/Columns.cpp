@@ -28,38 +28,15 @@ size_t sourceSize(Source source)
     }
 }
 
-size_t typeSize(int type)
-{
-    switch (type) {
-    case ORB_COLUMN_UINT8: return 1;
-    case ORB_COLUMN_INT16:
-    case ORB_COLUMN_UINT16: return 2;
-    case ORB_COLUMN_INT32:
-    case ORB_COLUMN_UINT32:
-    case ORB_COLUMN_FLOAT32: return 4;
-    case ORB_COLUMN_FLOAT64:
-    case ORB_COLUMN_INT64:
-    case ORB_COLUMN_UINT64: return 8;
-    default: return 0;
-    }
-}
-
-void Table::add(const char* name, const char* suffix, int type, Source source, size_t offset)
+void Table::add(const char* name, int type, Source source, size_t offset)
 {
     Column c;
-    c.name.append(name).append(suffix);
+    c.name = name;
     c.type = type;
     c.source = source;
     c.offset = uint16_t(offset);
     c.size = uint8_t(typeSize(type));
     columns_.push_back(std::move(c));
-}
-
-void Table::addPair(const char* name, int type, Source source, size_t offset)
-{
-    const size_t size = typeSize(type);
-    add(name, "_left", type, source, offset);
-    add(name, "_right", type, source, offset + size);
 }
 
 namespace {
@@ -282,13 +259,19 @@ bool Table::describe(size_t i, ORB_COLUMN* out) const
 
 namespace {
 
-constexpr int U8 = ORB_COLUMN_UINT8;
-constexpr int I16 = ORB_COLUMN_INT16;
-constexpr int U16 = ORB_COLUMN_UINT16;
 constexpr int I32 = ORB_COLUMN_INT32;
 constexpr int U32 = ORB_COLUMN_UINT32;
-constexpr int F32 = ORB_COLUMN_FLOAT32;
 constexpr int U64 = ORB_COLUMN_UINT64;
+
+// A column for each value of `record` whose flag is among `flags`.
+void addMembers(Table& t, int record, Source source, int flags)
+{
+    int n = 0;
+    const ORB_MEMBER* m = orb_record_members(record, &n);
+    for (int i = 0; i < n; ++i)
+        if ((m[i].flag & flags) == m[i].flag)
+            t.add(m[i].name, m[i].type, source, m[i].offset);
+}
 
 void addPlace(Table& t, bool withTrial)
 {
@@ -300,105 +283,18 @@ void addPlace(Table& t, bool withTrial)
 
 } // namespace
 
-#define PAIR(t, name, type, src, rec, member) t.addPair(name, type, src, offsetof(rec, member))
 #define ONE(t, name, type, src, rec, member) t.add(name, type, src, offsetof(rec, member))
 
 void layoutSamples(Table& t, int flags)
 {
-    const Source S = kFromSample;
-    ONE(t, "time", U32, S, FSAMPLE, time);
-    PAIR(t, "raw_x", F32, S, FSAMPLE, rawX);
-    PAIR(t, "raw_y", F32, S, FSAMPLE, rawY);
-    PAIR(t, "second_x", F32, S, FSAMPLE, secondX);
-    PAIR(t, "second_y", F32, S, FSAMPLE, secondY);
-    PAIR(t, "pupil_size", F32, S, FSAMPLE, pupilSize);
-    PAIR(t, "gaze_x", F32, S, FSAMPLE, gazeX);
-    PAIR(t, "gaze_y", F32, S, FSAMPLE, gazeY);
-    ONE(t, "resolution_x", F32, S, FSAMPLE, resolutionX);
-    ONE(t, "resolution_y", F32, S, FSAMPLE, resolutionY);
-    if (flags & ORB_COLUMNS_VELOCITIES) {
-        PAIR(t, "gaze_vel_x", F32, S, FSAMPLE, gazeVelX);
-        PAIR(t, "gaze_vel_y", F32, S, FSAMPLE, gazeVelY);
-        PAIR(t, "second_vel_x", F32, S, FSAMPLE, secondVelX);
-        PAIR(t, "second_vel_y", F32, S, FSAMPLE, secondVelY);
-        PAIR(t, "raw_vel_x", F32, S, FSAMPLE, rawVelX);
-        PAIR(t, "raw_vel_y", F32, S, FSAMPLE, rawVelY);
-        PAIR(t, "fast_gaze_vel_x", F32, S, FSAMPLE, fastGazeVelX);
-        PAIR(t, "fast_gaze_vel_y", F32, S, FSAMPLE, fastGazeVelY);
-        PAIR(t, "fast_second_vel_x", F32, S, FSAMPLE, fastSecondVelX);
-        PAIR(t, "fast_second_vel_y", F32, S, FSAMPLE, fastSecondVelY);
-        PAIR(t, "fast_raw_vel_x", F32, S, FSAMPLE, fastRawVelX);
-        PAIR(t, "fast_raw_vel_y", F32, S, FSAMPLE, fastRawVelY);
-    }
-    const char* const extra[8] = {"extra_data_0", "extra_data_1", "extra_data_2", "extra_data_3",
-                                  "extra_data_4", "extra_data_5", "extra_data_6", "extra_data_7"};
-    for (size_t i = 0; i < 8; ++i)
-        t.add(extra[i], U16, S, offsetof(FSAMPLE, extraData) + 2 * i);
-    ONE(t, "flags", U16, S, FSAMPLE, flags);
-    ONE(t, "input", U16, S, FSAMPLE, input);
-    ONE(t, "buttons", U16, S, FSAMPLE, buttons);
-    ONE(t, "extra_type", I16, S, FSAMPLE, extraType);
-    ONE(t, "status", U16, S, FSAMPLE, status);
-    if (flags & ORB_COLUMNS_CAMERA) {
-        const Source C = kFromCamera;
-        PAIR(t, "pupil_area", I32, C, CameraRow, pupilArea);
-        PAIR(t, "cr_area", I32, C, CameraRow, crArea);
-        PAIR(t, "cr2_area", I32, C, CameraRow, cr2Area);
-        PAIR(t, "pupil_width", I32, C, CameraRow, pupilWidth);
-        PAIR(t, "pupil_height", I32, C, CameraRow, pupilHeight);
-        ONE(t, "cr_width", I32, C, CameraRow, crWidth);
-        ONE(t, "cr_height", I32, C, CameraRow, crHeight);
-        ONE(t, "window_x", I32, C, CameraRow, windowX);
-        ONE(t, "window_y", I32, C, CameraRow, windowY);
-        PAIR(t, "raw_pupil_x", F32, C, CameraRow, rawPupilX);
-        PAIR(t, "raw_pupil_y", F32, C, CameraRow, rawPupilY);
-        PAIR(t, "raw_cr_x", F32, C, CameraRow, rawCrX);
-        PAIR(t, "raw_cr_y", F32, C, CameraRow, rawCrY);
-        PAIR(t, "raw_cr2_x", F32, C, CameraRow, rawCr2X);
-        PAIR(t, "raw_cr2_y", F32, C, CameraRow, rawCr2Y);
-        PAIR(t, "pupil_cr_x", F32, C, CameraRow, pupilCrX);
-        PAIR(t, "pupil_cr_y", F32, C, CameraRow, pupilCrY);
-    }
+    addMembers(t, ORB_RECORD_SAMPLE, kFromSample, flags);
+    addMembers(t, ORB_RECORD_CAMERA, kFromCamera, flags);
     addPlace(t, true);
 }
 
 void layoutEvents(Table& t)
 {
-    const Source E = kFromEvent;
-    ONE(t, "time", U32, E, FEVENT, time);
-    ONE(t, "type", U16, E, FEVENT, type);
-    ONE(t, "contents", U16, E, FEVENT, contents);
-    ONE(t, "start_time", U32, E, FEVENT, startTime);
-    ONE(t, "end_time", U32, E, FEVENT, endTime);
-    ONE(t, "start_pos_x", F32, E, FEVENT, startPosX);
-    ONE(t, "start_pos_y", F32, E, FEVENT, startPosY);
-    ONE(t, "start_gaze_x", F32, E, FEVENT, startGazeX);
-    ONE(t, "start_gaze_y", F32, E, FEVENT, startGazeY);
-    ONE(t, "start_scalar", F32, E, FEVENT, startScalar);
-    ONE(t, "end_pos_x", F32, E, FEVENT, endPosX);
-    ONE(t, "end_pos_y", F32, E, FEVENT, endPosY);
-    ONE(t, "end_gaze_x", F32, E, FEVENT, endGazeX);
-    ONE(t, "end_gaze_y", F32, E, FEVENT, endGazeY);
-    ONE(t, "end_scalar", F32, E, FEVENT, endScalar);
-    ONE(t, "avg_pos_x", F32, E, FEVENT, avgPosX);
-    ONE(t, "avg_pos_y", F32, E, FEVENT, avgPosY);
-    ONE(t, "avg_gaze_x", F32, E, FEVENT, avgGazeX);
-    ONE(t, "avg_gaze_y", F32, E, FEVENT, avgGazeY);
-    ONE(t, "avg_scalar", F32, E, FEVENT, avgScalar);
-    ONE(t, "avg_pupil", F32, E, FEVENT, avgPupil);
-    ONE(t, "peak_pupil", F32, E, FEVENT, peakPupil);
-    ONE(t, "start_pupil", F32, E, FEVENT, startPupil);
-    ONE(t, "end_pupil", F32, E, FEVENT, endPupil);
-    ONE(t, "start_res_x", F32, E, FEVENT, startResX);
-    ONE(t, "end_res_x", F32, E, FEVENT, endResX);
-    ONE(t, "start_res_y", F32, E, FEVENT, startResY);
-    ONE(t, "end_res_y", F32, E, FEVENT, endResY);
-    ONE(t, "eye", I16, E, FEVENT, eye);
-    ONE(t, "aux0", U16, E, FEVENT, aux0);
-    ONE(t, "block_flags", U16, E, FEVENT, blockFlags);
-    ONE(t, "block_flags2", U16, E, FEVENT, blockFlags2);
-    ONE(t, "block_option", U16, E, FEVENT, blockOption);
-    ONE(t, "item_tag", U16, E, FEVENT, itemTag);
+    addMembers(t, ORB_RECORD_EVENT, kFromEvent, 0);
     ONE(t, "message_offset", U64, kFromText, TextRow, offset);
     ONE(t, "message_length", U32, kFromText, TextRow, length);
     addPlace(t, true);
@@ -406,18 +302,7 @@ void layoutEvents(Table& t)
 
 void layoutBlocks(Table& t)
 {
-    const Source B = kFromBlock;
-    ONE(t, "time", U32, B, Recording, time);
-    ONE(t, "sample_rate", F32, B, Recording, sampleRate);
-    ONE(t, "event_flags", U16, B, Recording, eventFlags);
-    ONE(t, "sample_flags", U16, B, Recording, sampleFlags);
-    ONE(t, "state", U8, B, Recording, state);
-    ONE(t, "record_type", U8, B, Recording, recordType);
-    ONE(t, "filter_flag", U8, B, Recording, filterFlag);
-    ONE(t, "mode_flag", U8, B, Recording, modeFlag);
-    ONE(t, "mode_level", U8, B, Recording, modeLevel);
-    ONE(t, "block_option2", U8, B, Recording, blockOption2);
-    ONE(t, "eyes", U8, B, Recording, eyes);
+    addMembers(t, ORB_RECORD_RECORDING, kFromBlock, 0);
     addPlace(t, false);
 }
 
@@ -432,7 +317,6 @@ void layoutTrials(Table& t)
     ONE(t, "end_index", U32, T, TrialRow, endIndex);
 }
 
-#undef PAIR
 #undef ONE
 
 } // namespace columns

@@ -50,16 +50,7 @@ struct TextRow {
 };
 
 // The values of the raw pupil and CR accessors for one sample.
-struct CameraRow {
-    int32_t pupilArea[2], crArea[2], cr2Area[2];
-    int32_t pupilWidth[2], pupilHeight[2];
-    int32_t crWidth, crHeight;
-    int32_t windowX, windowY;
-    float rawPupilX[2], rawPupilY[2];
-    float rawCrX[2], rawCrY[2];
-    float rawCr2X[2], rawCr2Y[2];
-    float pupilCrX[2], pupilCrY[2];
-};
+using CameraRow = ORB_CAMERA;
 
 // One trial row.
 struct TrialRow {
@@ -71,8 +62,22 @@ struct TrialRow {
     uint32_t endIndex;
 };
 
-// Bytes of one element of a column type.
-size_t typeSize(int type);
+// Bytes of one element of a column type; 0 for an unknown type.
+constexpr size_t typeSize(int type)
+{
+    switch (type) {
+    case ORB_COLUMN_UINT8: return 1;
+    case ORB_COLUMN_INT16:
+    case ORB_COLUMN_UINT16: return 2;
+    case ORB_COLUMN_INT32:
+    case ORB_COLUMN_UINT32:
+    case ORB_COLUMN_FLOAT32: return 4;
+    case ORB_COLUMN_FLOAT64:
+    case ORB_COLUMN_INT64:
+    case ORB_COLUMN_UINT64: return 8;
+    default: return 0;
+    }
+}
 // Bytes of a record of a source.
 size_t sourceSize(Source source);
 
@@ -114,12 +119,8 @@ private:
 
 class Table {
 public:
-    // Adds the column name+suffix copying the member at `offset` of
-    // `source`.
-    void add(const char* name, const char* suffix, int type, Source source, size_t offset);
-    void add(const char* name, int type, Source source, size_t offset) { add(name, "", type, source, offset); }
-    // Adds the [0] and [1] of an eye pair as name_left and name_right.
-    void addPair(const char* name, int type, Source source, size_t offset);
+    // Adds the column `name` copying the member at `offset` of `source`.
+    void add(const char* name, int type, Source source, size_t offset);
 
     // Allocates every column for `capacity` rows.  Throws std::bad_alloc.
     void allocate(size_t capacity);

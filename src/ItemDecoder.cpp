@@ -18,8 +18,8 @@
 
 namespace {
 
-constexpr int kMissingWord = -32768;
-constexpr uint16_t kMissingStatus = 0x8000;
+constexpr int kMissingWord = -ORB_MISSING_WORD;
+constexpr uint16_t kMissingStatus = ORB_MISSING_WORD;
 constexpr int kMessageCapacity = int(sizeof(ORB_MESSAGE::text));
 constexpr int kExtraWords = 8;
 constexpr double kFixed16 = 1.52587890625e-05; // 2^-16

@@ -11,6 +11,8 @@
 
 #include <cstdint>
 
+#include "orbapi.h"
+
 // ---------------------------------------------------------------------------
 // Sample flag bits: an odd tag word is a sample and the tag is its flag word.
 // The groups lie on disk in the order of the bits from kFullTime down to
@@ -18,21 +20,21 @@
 // start stores the flags of its samples in the same bits.
 
 constexpr uint16_t kSampleItem = 0x0001;      // the item is a sample
-constexpr uint16_t kHalfMillisecond = 0x0002; // set on reading: second sample of a millisecond
+constexpr uint16_t kHalfMillisecond = ORB_SAMPLE_HALF_MS; // set on reading: second sample of a millisecond
 constexpr uint16_t kSkipList2 = 0x0004;       // second skipped block list
 constexpr uint16_t kSkipList1 = 0x0008;       // first skipped block list
-constexpr uint16_t kExtraData = 0x0010;       // type byte and extra-data words
-constexpr uint16_t kButtonsWord = 0x0020;
-constexpr uint16_t kInputWord = 0x0040;
-constexpr uint16_t kStatusWord = 0x0080;
-constexpr uint16_t kPupilGroup = 0x0100;      // pupil size per eye
-constexpr uint16_t kResolutionGroup = 0x0200; // one resolution pair
-constexpr uint16_t kGazeGroup = 0x0400;       // gaze pair per eye
-constexpr uint16_t kSecondGroup = 0x0800;     // second position pair per eye
-constexpr uint16_t kRawGroup = 0x1000;        // raw position pair per eye
+constexpr uint16_t kExtraData = ORB_SAMPLE_EXTRA_DATA; // type byte and extra-data words
+constexpr uint16_t kButtonsWord = ORB_SAMPLE_BUTTONS;
+constexpr uint16_t kInputWord = ORB_SAMPLE_INPUT;
+constexpr uint16_t kStatusWord = ORB_SAMPLE_STATUS;
+constexpr uint16_t kPupilGroup = ORB_SAMPLE_PUPIL; // pupil size per eye
+constexpr uint16_t kResolutionGroup = ORB_SAMPLE_RESOLUTION; // one resolution pair
+constexpr uint16_t kGazeGroup = ORB_SAMPLE_GAZE; // gaze pair per eye
+constexpr uint16_t kSecondGroup = ORB_SAMPLE_SECOND; // second position pair per eye
+constexpr uint16_t kRawGroup = ORB_SAMPLE_RAW; // raw position pair per eye
 constexpr uint16_t kFullTime = 0x2000;        // 32-bit time instead of a step byte
-constexpr uint16_t kRightEye = 0x4000;        // eye 1 (also in an event's tag)
-constexpr uint16_t kLeftEye = 0x8000;         // eye 0 (also in an event's tag)
+constexpr uint16_t kRightEye = ORB_SAMPLE_RIGHT_EYE; // eye 1 (also in an event's tag)
+constexpr uint16_t kLeftEye = ORB_SAMPLE_LEFT_EYE; // eye 0 (also in an event's tag)
 constexpr uint16_t kBothEyes = kLeftEye | kRightEye;
 
 // The extra-data type byte: its low four bits count the words that follow

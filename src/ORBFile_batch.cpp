@@ -33,8 +33,8 @@ void makeMissingSample(Sample& s, unsigned long long key)
     fs.resolutionX = fs.resolutionY = kMissingValue;
     fs.flags = kBothEyes;
     fs.input = fs.buttons = fs.status = 0;
-    fs.extraType = 32767;
-    fs.extraData[0] = 32767;
+    fs.extraType = ORB_PLACEHOLDER;
+    fs.extraData[0] = ORB_PLACEHOLDER;
 }
 
 bool endsBlock(unsigned code) { return code == ESAMPLES || code == EEVENTS; }

@@ -20,9 +20,9 @@ struct Magic {
 };
 
 const Magic kMagics[] = {
-    {"NORVANE_LAB_HSPDFILE ZIP\n", ContainerForm::Compressed},
+    {ORB_MAGIC_COMPRESSED, ContainerForm::Compressed},
     {"NORVANE_LAB_HSPDFILE ZIP\r\n", ContainerForm::Compressed},
-    {"NORVANE_LAB_COMBFILE\n", ContainerForm::Plain},
+    {ORB_MAGIC_PLAIN, ContainerForm::Plain},
     {"NORVANE_LAB_COMBFILE\r\n", ContainerForm::Plain},
     {"NORVANE_LAB_HSPDFILE\n", ContainerForm::Plain},
     {"NORVANE_LAB_HSPDFILE\r\n", ContainerForm::Plain},
@@ -167,7 +167,7 @@ int ORBFile::get_combfile_preamble_text(char* line, int size)
         return 1;
 
     stream->getString(line, size);
-    if (std::strcmp(line, "ENDP:\n") == 0) {
+    if (std::strcmp(line, ORB_PREAMBLE_END) == 0) {
         preambleComplete = 1;
         return 1;
     }

@@ -7,7 +7,7 @@
 #include "orbapi.h"
 
 // Event codes as bit sets over the codes 0 to 28.
-constexpr uint32_t kEventCodes = 0x130787FEu;  // 1-10, 15-18, 24, 25, 28
+constexpr uint32_t kEventCodes = ORB_EVENT_CODES; // 1-10, 15-18, 24, 25, 28
 constexpr uint32_t kPairedCodes = 0x781FEu;    // 1-8, 15-18
 constexpr uint32_t kStartCodes = 0x280AAu;     // 1, 3, 5, 7, 15, 17
 constexpr uint32_t kEndCodes = 0x50154u;       // 2, 4, 6, 8, 16, 18

@@ -5,8 +5,8 @@
 #include "orbapi.h"
 
 // Missing-value markers of the records.
-constexpr float kMissingPosition = -32768.0f; // absent position, pupil, gaze
-constexpr float kMissingValue = 100000000.0f; // absent scaled value, velocity
+constexpr float kMissingPosition = ORB_MISSING_POSITION; // absent position, pupil, gaze
+constexpr float kMissingValue = ORB_MISSING_VALUE; // absent scaled value, velocity
 // A pupil this small (or smaller) means the eye was closed.
 constexpr float kClosedPupil = 15.0f;
 

@@ -33,46 +33,6 @@ struct Cancelled {};
 
 constexpr size_t kProgressEvery = size_t(1) << 16;
 
-// The values of the raw pupil and CR accessors for a copy of s.
-void cameraValues(_ORBFILE* h, const FSAMPLE& s, CameraRow& c)
-{
-    FSAMPLE copy = s;
-    for (int e = 0; e < 2; ++e) {
-        c.pupilArea[e] = orb_get_uncorrected_pupil_area(h, &copy, e);
-        c.crArea[e] = orb_get_uncorrected_cr_area(h, &copy, e);
-        c.cr2Area[e] = orb_get_uncorrected_cr2_area(h, &copy, e);
-        int dim[2];
-        orb_get_pupil_dimension(h, &copy, e, dim);
-        c.pupilWidth[e] = dim[0];
-        c.pupilHeight[e] = dim[1];
-        using Centre = void (*)(_ORBFILE*, FSAMPLE*, int, float*);
-        const struct {
-            Centre get;
-            float* x;
-            float* y;
-        } centres[] = {
-            {orb_get_uncorrected_raw_pupil, c.rawPupilX, c.rawPupilY},
-            {orb_get_uncorrected_raw_cr, c.rawCrX, c.rawCrY},
-            {orb_get_uncorrected_raw_cr2, c.rawCr2X, c.rawCr2Y},
-            {[](_ORBFILE* h, FSAMPLE* s, int eye, float* xy) { orb_get_pupil_cr(h, s, eye, xy); }, c.pupilCrX,
-             c.pupilCrY},
-        };
-        for (const auto& centre : centres) {
-            float xy[2];
-            centre.get(h, &copy, e, xy);
-            centre.x[e] = xy[0];
-            centre.y[e] = xy[1];
-        }
-    }
-    int wh[2];
-    orb_get_cr_dimension(h, &copy, wh);
-    c.crWidth = wh[0];
-    c.crHeight = wh[1];
-    orb_get_window_position(h, &copy, wh);
-    c.windowX = wh[0];
-    c.windowY = wh[1];
-}
-
 // Makes the pages of a table's columns present on a second thread, a
 // stretch of rows at a time: the system's work of providing fresh memory is
 // done there instead of interrupting the writer at every page.  `bounded`:
@@ -436,7 +396,7 @@ void ColumnReader::walk(bool scannedRows)
             place.block = block;
             place.trial = trialOf(index);
             if (camera)
-                cameraValues(handle, fs, cam);
+                orb_get_camera_values(handle, &fs, &cam);
             sources[kFromSample] = &fs;
             samples.append(sources);
             continue;

@@ -1,31 +1,35 @@
-"""Facts of the recording format that several modules of the package use:
-item codes, the stored markers of a missing value, the placeholder samples
-a repair inserts, the names of the eyes.  Each is written here once."""
+"""Facts of the recording format that several modules of the package use,
+as the library states them (``_core`` hands them over from the public
+header): item codes, the stored markers of a missing value, the placeholder
+samples a repair inserts, the names of the eyes, the empty recording.  The
+modules take them from here."""
 from __future__ import annotations
 
 import numpy as np
 
-# Item codes, as the cursor and the tables' ``type`` column give them.
-SBLINK, EBLINK, ESACC, EFIX = 3, 4, 6, 8
-MESSAGE, RECORDING, SAMPLE = 24, 30, 200
+from ._core import (  # noqa: F401 - handed on to the modules
+    BLOCK_EYES,
+    EBLINK,
+    EFIX,
+    EMPTY_RECORDING,
+    ESACC,
+    EYE_NAMES,
+    MESSAGE,
+    MISSING_POSITION,
+    MISSING_VALUE,
+    PLACEHOLDER,
+    RECORDING,
+    SAMPLE,
+)
 
 #: The values a recording stores for a missing position, pupil or velocity;
 #: read() turns them into NaN unless asked to keep them.
-MISSING = (-32768.0, 100000000.0)
+MISSING = (MISSING_POSITION, MISSING_VALUE)
 
-#: A placeholder sample, inserted where a repair filled a gap, carries this
-#: value in its ``extra_type`` and ``extra_data_0`` columns.
-PLACEHOLDER = 32767
-
-#: The eyes by their index in the ``eye`` column of events.
-EYE_NAMES = ("left", "right")
-
-#: The eyes of a block (the ``eyes`` column of blocks): a bit each.
-EYES_OF_MASK = {1: "left", 2: "right", 3: "both"}
+#: The eyes of a block (the ``eyes`` column of blocks) by their bits, and
+#: the bits by the names.
+EYES_OF_MASK = dict(BLOCK_EYES)
 MASK_OF_EYES = {name: mask for mask, name in EYES_OF_MASK.items()}
-
-#: The first line of a recording without compression.
-MAGIC = "NORVANE_LAB_COMBFILE\n"
 
 
 def as_float(values) -> np.ndarray:

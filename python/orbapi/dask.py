@@ -23,10 +23,7 @@ from __future__ import annotations
 import os
 from typing import Sequence
 
-from ._facts import MAGIC
-
-#: An ORB recording without items: its tables are empty but fully typed.
-EMPTY_RECORDING = MAGIC.encode() + b"ENDP:\n\0\0"
+from ._facts import EMPTY_RECORDING  # a recording without items: empty tables, fully typed
 
 
 def _dd():
