@@ -10,8 +10,11 @@ epilog and arguments on an argparse parser) and ``run(args)`` (the exit
 status), and optionally ``EXTRA``, the package extra that brings what it
 needs.  Registering one is one line in :data:`COMMANDS`; its module is
 imported only when the command runs, so that ``orb --help`` and the other
-commands never wait on it.  ``run`` may raise :class:`~orbapi.cli._common.UsageError` (exit 2)
-and ``ImportError`` for a missing package (exit 2, naming ``EXTRA``).
+commands never wait on it.  ``run`` may raise
+:class:`~orbapi.cli._common.UsageError` (exit 2) and ``ImportError`` for a
+missing package (exit 2, naming ``EXTRA``).  For example, a command
+``orb view`` in the module ``orbapi.view.command`` is the line
+``("view", "orbapi.view.command", "look through a recording")``.
 """
 
 from __future__ import annotations
