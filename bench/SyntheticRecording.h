@@ -330,7 +330,7 @@ private:
             last = t;
 
             if (!synced && t >= t0 + 100) {
-                message(t, "SYNCTIME");
+                message(t, "stimulus");
                 synced = true;
             }
             flushPending(t, false);
@@ -343,7 +343,7 @@ private:
         else
             endSaccade(phaseStart, last);
         flushPending(last, true);
-        message(last, "TRIAL_RESULT 0");
+        message(last, "trial complete");
         emit(orbtest::blockEnd(ESAMPLES, last + 1));
         emit(orbtest::blockEnd(EEVENTS, last + 1));
         return last + 1;

@@ -65,7 +65,7 @@ int main(int argc, char** argv)
                     w.add(EventItem(SFIX, e).start(now - 4));
                 }
             if (i == 900)
-                w.add(EventItem(24, -1).start(now).message("STIMULUS ON\n"));
+                w.add(EventItem(24, -1).start(now).message("stimulus on\n"));
             if (i == 1102)
                 for (int e = 0; e < 2; ++e) w.add(EventItem(SBLINK, e).start(now - 2));
             if (i == 1203)
@@ -74,7 +74,7 @@ int main(int argc, char** argv)
         uint32_t end = t0 + uint32_t(n - 1);
         for (int e = 0; e < 2; ++e)
             w.add(EventItem(EFIX, e).start(t0 + 740).end(end).words(kFieldAvgGaze, 8000, 3000));
-        w.add(EventItem(24, -1).start(end).message("TRIAL_RESULT 0\n"));
+        w.add(EventItem(24, -1).start(end).message("trial end\n"));
         w.add(blockEnd(ESAMPLES, end + 1));
         w.add(blockEnd(EEVENTS, end + 1));
         t0 = end + 500;

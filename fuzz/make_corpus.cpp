@@ -137,9 +137,9 @@ int main(int argc, char** argv)
             if (i == 2) w.add(message(t, "TRIALID 1"));
             if (i == 5) addEvents(w, t, 0);
             if (i == 9) addEvents(w, t, 1);
-            if (i == 20) w.add(message(t, "TRIAL_RESULT 1"));
+            if (i == 20) w.add(message(t, "trial end 1"));
             if (i == 22) w.add(message(t, "TRIALID 2"));
-            if (i == 30) w.add(message(t, "START here")).add(message(t + 1, "END there"));
+            if (i == 30) w.add(message(t, "begin here")).add(message(t + 1, "end there"));
             if (i == 33) w.add(EventItem(kMessageCode, -1).start(t).messageRaw(600, "bad length"));
         });
         save("events-trials", w);

@@ -106,14 +106,14 @@ OrbWriter makeRecording(const Shape& s)
                     later.push_back({i + 4, EventItem(ESACC, e).start(e0 - 40).end(e0).words(kFieldEndGaze, 5200, 3200)
                                                 .word(kFieldAvgScalar, 3500).word(kFieldPeakPupil, 12)});
             }
-            if (i == 40) w.add(message(ti, "SYNCTIME"));
+            if (i == 40) w.add(message(ti, "stimulus on"));
             if (i == 333) w.add(EventItem(POINT9, 0).start(ti).words(kFieldStartPos, 7, -8));
             for (auto& [at, item] : later)
                 if (at == i) w.add(item);
         }
         for (auto& [at, item] : later)
             if (at >= s.samples) w.add(item);
-        w.add(message(last, "TRIAL_RESULT " + std::to_string(b)));
+        w.add(message(last, "trial end " + std::to_string(b)));
         w.add(blockEnd(ESAMPLES, last + 1));
         w.add(blockEnd(EEVENTS, last + 1));
         t = last + 40;
@@ -517,8 +517,8 @@ TEST_F(Columns, CompressedTimeOffsetAndTrialIdentifiers)
     expectEveryReadMatchesCursor(path);
 
     ReadArgs a;
-    a.trialStart = "SYNCTIME";
-    a.trialEnd = "TRIAL_RESULT";
+    a.trialStart = "stimulus";
+    a.trialEnd = "trial end";
     expectColumnsMatchCursor(path, a);
     a.trialStart = "NO SUCH MESSAGE";
     a.trialEnd = nullptr;

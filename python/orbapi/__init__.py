@@ -35,7 +35,7 @@ __all__ = [
     "open", "read", "read_many", "to_parquet", "dask", "view",
 ]
 
-_LAZY = {"read_many": "many", "to_parquet": "many"}
+_LAZY = {"read_many": "many", "to_parquet": "datasets"}
 
 
 def __getattr__(name: str):

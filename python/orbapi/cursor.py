@@ -5,9 +5,8 @@ from collections.abc import Iterator, Mapping
 from typing import Any
 
 from . import _core
+from ._facts import MESSAGE, RECORDING, SAMPLE
 from ._source import Source, resolve
-
-SAMPLE, RECORDING, MESSAGE = _core.SAMPLE, _core.RECORDING, _core.MESSAGE
 
 
 class Record(Mapping):

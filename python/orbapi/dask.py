@@ -23,8 +23,7 @@ from __future__ import annotations
 import os
 from typing import Sequence
 
-#: An ORB recording without items: its tables are empty but fully typed.
-from ._core import EMPTY_RECORDING
+from ._facts import EMPTY_RECORDING  # a recording without items: empty tables, fully typed
 
 
 def _dd():

@@ -23,26 +23,23 @@ from __future__ import annotations
 
 import math
 import os
-import sys
 
 import numpy as np
 
-__all__ = ["plot", "overview", "add_plot_arguments", "run_plot"]
+from ._facts import EYE_NAMES, as_float, recorded_eyes
+
+__all__ = ["plot", "overview"]
 
 # Colours that stay apart for the two eyes, also for readers who do not tell
 # red from green, and for the shaded events.
 EYE_COLOURS = {"left": "#0072B2", "right": "#D55E00"}
 SPAN_COLOURS = {"fixation": ("#009E73", 0.10), "saccade": ("#E69F00", 0.30),
                 "blink": ("#4D4D4D", 0.35)}
-_EYE_INDEX = {"left": 0, "right": 1}
+_EYE_INDEX = {eye: index for index, eye in enumerate(EYE_NAMES)}
 # The left eye's line is drawn first and wider, so that where both eyes
 # agree it still shows on both sides of the right eye's.
 _LINE_WIDTH = {"left": 1.8, "right": 0.9}
 _SELECT = {"left": ("left",), "right": ("right",), "both": ("left", "right")}
-
-# The stored markers of a missing value.
-from ._core import MISSING_POSITION, MISSING_VALUE
-_MISSING = (MISSING_POSITION, MISSING_VALUE)
 
 # Beyond these the scanpath shows every n-th sample, and numbers and message
 # labels are left out so that they do not hide each other.
@@ -66,31 +63,18 @@ def _matplotlib():
 # --------------------------------------------------------------------------
 
 
-def _float(a):
-    """A float copy of `a` with the missing markers made NaN."""
-    a = np.asarray(a)
-    if a.dtype.kind != "f":
-        a = a.astype(np.float64)
-    missing = (a == _MISSING[0]) | (a == _MISSING[1])
-    if missing.any():
-        a = np.where(missing, np.nan, a)
-    return a
-
-
 class _Samples:
-    """Sample time, block and gaze of a recording, in time order, with
-    missing values as NaN."""
+    """Sample time, block and gaze of the recorded eyes (those the blocks
+    say, whatever values they hold), in time order, with missing values as
+    NaN."""
 
     def __init__(self, recording):
         cols = recording.columns("samples")
         self.time = np.asarray(cols["time"], dtype=np.float64)
         self.block = np.asarray(cols["block"])
         self.gaze = {}
-        for eye in ("left", "right"):
-            x = _float(cols["gaze_x_" + eye])
-            y = _float(cols["gaze_y_" + eye])
-            if np.isfinite(x).any() or np.isfinite(y).any():
-                self.gaze[eye] = (x, y)
+        for eye in recorded_eyes(recording):
+            self.gaze[eye] = (as_float(cols["gaze_x_" + eye]), as_float(cols["gaze_y_" + eye]))
         if self.time.size > 1 and (np.diff(self.time) < 0).any():
             order = np.argsort(self.time, kind="stable")
             self.time = self.time[order]
@@ -98,7 +82,7 @@ class _Samples:
             self.gaze = {e: (x[order], y[order]) for e, (x, y) in self.gaze.items()}
 
     def eyes(self, eye):
-        """The eyes of `eye` ("left", "right" or "both") that have data."""
+        """The eyes of `eye` ("left", "right" or "both") that were recorded."""
         if eye not in _SELECT:
             raise ValueError(f"eye must be 'left', 'right' or 'both', not {eye!r}")
         have = [e for e in _SELECT[eye] if e in self.gaze]
@@ -402,7 +386,7 @@ def _fixation_circles(ax, fix):
         return
     for e, index in _EYE_INDEX.items():
         f = fix[(fix["eye"] == index)].sort_values("start_time", kind="stable")
-        x, y = _float(f["avg_gaze_x"]), _float(f["avg_gaze_y"])
+        x, y = as_float(f["avg_gaze_x"]), as_float(f["avg_gaze_y"])
         ok = np.isfinite(x) & np.isfinite(y)
         if not ok.any():
             continue
@@ -766,68 +750,3 @@ def _duration(t):
         return "no samples"
     s = (t[-1] - t[0]) / 1000.0
     return f"{s / 60:.1f} min" if s >= 120 else f"{s:.1f} s"
-
-
-# --------------------------------------------------------------------------
-# The command line: orb plot
-# --------------------------------------------------------------------------
-
-
-def add_plot_arguments(parser):
-    """Adds the arguments of ``orb plot`` to the argparse `parser`:
-    FILE, --trial N | --start MS --end MS, --eye, -o OUT."""
-    parser.add_argument("file", metavar="FILE", help="the recording")
-    parser.add_argument("--trial", type=int, metavar="N",
-                        help="draw trial N (0 for the first, as in the trials table)")
-    parser.add_argument("--start", type=float, metavar="MS",
-                        help="draw the span from MS (ms, the recording's clock; "
-                             "default the first sample)")
-    parser.add_argument("--end", type=float, metavar="MS",
-                        help="... up to MS (default the last sample)")
-    parser.add_argument("--eye", choices=("left", "right", "both"), default="both",
-                        help="which eye to draw (default: both)")
-    parser.add_argument("-o", "--output", required=True, metavar="OUT",
-                        help="the picture to write: .png, .svg or .pdf")
-    if parser.epilog is None:
-        parser.epilog = ("Without --trial, --start or --end: an overview of the whole\n"
-                         "recording, one row per block.")
-
-
-_FORMATS = ("png", "svg", "pdf")
-
-
-def run_plot(args):
-    """Runs ``orb plot`` with the parsed `args`; returns the exit status:
-    0 when the picture was written, 1 when the recording could not be read
-    or drawn, 2 for arguments that do not go together."""
-    def fail(status, text):
-        print(f"orb plot: {text}", file=sys.stderr)
-        return status
-
-    fmt = os.path.splitext(args.output)[1].lower().lstrip(".")
-    if fmt not in _FORMATS:
-        return fail(2, f"{args.output}: the picture must end in .png, .svg or .pdf")
-    if args.trial is not None and (args.start is not None or args.end is not None):
-        return fail(2, "--trial goes without --start and --end")
-    from . import OrbError, read
-
-    try:
-        _matplotlib()
-        from matplotlib.figure import Figure
-
-        recording = read(args.file)
-        if args.trial is None and args.start is None and args.end is None:
-            fig = Figure()
-            overview(recording, eye=args.eye, ax=fig)
-        else:
-            fig = Figure(layout="constrained")
-            plot(recording, args.trial, start=args.start, end=args.end,
-                 eye=args.eye, ax=fig)
-        fig.savefig(args.output, format=fmt, dpi=100)
-    except FileNotFoundError:
-        return fail(1, f"{args.file}: no such file")
-    except OrbError as e:
-        return fail(1, f"{args.file}: {e}")
-    except (ImportError, ValueError, OSError) as e:
-        return fail(1, str(e))
-    return 0

@@ -8,12 +8,12 @@ from typing import Any
 import numpy as np
 
 from . import _core
+from ._facts import EBLINK, EFIX, ESACC, EYES_OF_MASK, MESSAGE
 from ._optional import require
 from ._source import Source, resolve
+from .trials import trial_table
 
-SBLINK, EBLINK, ESACC, EFIX, MESSAGE = _core.SBLINK, _core.EBLINK, _core.ESACC, _core.EFIX, _core.MESSAGE
 _END_KINDS = {"fixations": EFIX, "saccades": ESACC, "blinks": EBLINK}
-_EYES = {1: "left", 2: "right", 3: "both"}
 
 #: The tables of a Recording, in the order they are listed.
 TABLES = ("samples", "events", "messages", "blocks", "trials", "fixations", "saccades", "blinks")
@@ -24,7 +24,7 @@ Columns = dict[str, np.ndarray]
 def read(path: Source, *, consistency: int = 0, events: bool = True, samples: bool = True,
          velocities: bool = False, camera: bool = False, trial_start: str | None = "TRIALID",
          trial_end: str | None = None, variables: Sequence[str] | str | None = None,
-         sentinels: bool = False) -> "Recording":
+         variable_prefix: str = "", sentinels: bool = False) -> "Recording":
     """Reads a whole recording into tables.
 
     `path` is a file path, or the recording's bytes (``bytes``, ``bytearray``
@@ -35,7 +35,9 @@ def read(path: Source, *, consistency: int = 0, events: bool = True, samples: bo
     and corneal-reflection values. `trial_start` and `trial_end` are the texts
     of the messages that start and end a trial. `variables` lists the keys of
     ``KEY VALUE`` messages that become columns of the trials table (``"all"``
-    for every such message). With `sentinels` the stored missing markers
+    for every such message); with `variable_prefix` only messages that begin
+    with that text are variables, the key following it (see
+    :mod:`orbapi.trials`). With `sentinels` the stored missing markers
     -32768.0 and 100000000.0 stay as stored instead of becoming NaN.
 
     The file is read with the GIL released, so recordings read on several
@@ -54,7 +56,7 @@ def read(path: Source, *, consistency: int = 0, events: bool = True, samples: bo
     flags = (_core.VELOCITIES if velocities else 0) | (_core.CAMERA if camera else 0)
     cols = _core.read_columns(fpath, data, int(consistency), bool(events), bool(samples), flags,
                               trial_start, trial_end, bool(sentinels))
-    return Recording._from_columns(cols, variables=variables, path=name)
+    return Recording._from_columns(cols, variables=variables, prefix=variable_prefix, path=name)
 
 
 class Recording:
@@ -150,7 +152,7 @@ class Recording:
         return cls(tables, info, None)
 
     @classmethod
-    def _from_columns(cls, cols, *, variables, path) -> "Recording":
+    def _from_columns(cls, cols, *, variables, prefix, path) -> "Recording":
         samples = dict(cols.table(_core.SAMPLES))
         if "time" in samples:
             samples["time"] = cols.sample_time()
@@ -173,7 +175,7 @@ class Recording:
             "events": events,
             "messages": messages,
             "blocks": _block_table(blocks),
-            "trials": _trial_table(trials, messages, variables),
+            "trials": trial_table(trials, messages, variables, prefix),
         }
         for name, code in _END_KINDS.items():
             sel = events["type"] == code
@@ -185,7 +187,7 @@ class Recording:
         first = {"sample_rate": None, "eyes": None}
         if len(starts["time"]):
             first = {"sample_rate": float(starts["sample_rate"][0]),
-                     "eyes": _EYES.get(int(starts["eyes"][0]))}
+                     "eyes": EYES_OF_MASK.get(int(starts["eyes"][0]))}
         # Event items keep their times in start_time and end_time.
         firsts = [a for a in (samples.get("time"), blocks["time"], allevents["start_time"]) if len(a)]
         lasts = firsts + [a for a in (allevents["end_time"],) if len(a)]
@@ -236,7 +238,7 @@ class Recording:
     @property
     def messages(self):
         """One row per message: ``time``, ``text``, ``block``, ``trial``.
-        Example: ``rec.messages[rec.messages.text.str.startswith("SYNC")]``"""
+        Example: ``rec.messages[rec.messages.text.str.startswith("stimulus")]``"""
         return self._frame("messages")
 
     @property
@@ -284,7 +286,7 @@ class Recording:
         require("pyarrow", "arrow")
         return {name: pl.from_arrow(t) for name, t in self.to_arrow().items()}
 
-    # -- other engineers' front ends ---------------------------------------
+    # -- drawing and the hand-offs to other toolkits ------------------------
     def plot(self, *args, **kwargs):
         """Draws the recording (see :func:`orbapi.plot.plot`).
         Example: ``rec.plot(trial=0)``"""
@@ -342,61 +344,3 @@ def _block_table(blocks: Columns) -> Columns:
     if "index" in blocks:
         out["index"] = blocks["index"][starts]
     return out
-
-
-def _parse_value(text: str) -> int | float | str:
-    for kind in (int, float):
-        try:
-            return kind(text)
-        except ValueError:
-            pass
-    return text
-
-
-def _key_value(text: str) -> tuple[str, str] | None:
-    """KEY and VALUE of a ``KEY VALUE`` message (also ``!V TRIAL_VAR KEY VALUE``)."""
-    if text.startswith("!V TRIAL_VAR "):
-        text = text[len("!V TRIAL_VAR "):]
-    parts = text.strip().split(None, 1)
-    if len(parts) != 2:
-        return None
-    return parts[0], parts[1].strip()
-
-
-def _trial_table(trials: Columns, messages: Columns, variables) -> Columns:
-    n = len(trials["start_time"])
-    out: Columns = {"trial": np.arange(n, dtype=np.int32)}
-    for k in ("start_time", "end_time", "duration", "start_index", "end_index", "block"):
-        out[k] = trials[k]
-    if variables is None:
-        return out
-    wanted = None if isinstance(variables, str) and variables == "all" else \
-        ([variables] if isinstance(variables, str) else list(variables))
-    values: dict[str, dict[int, str]] = {k: {} for k in (wanted or [])}
-    for text, trial in zip(messages["text"], messages["trial"]):
-        if trial < 0 or trial >= n:
-            continue
-        kv = _key_value(text)
-        if kv is None or (wanted is not None and kv[0] not in values):
-            continue
-        values.setdefault(kv[0], {})[int(trial)] = kv[1]
-    for key, per_trial in values.items():
-        out[key] = _variable_column(per_trial, n)
-    return out
-
-
-def _variable_column(per_trial: dict[int, str], n: int) -> np.ndarray:
-    """int64 when every trial has a whole number, float64 (NaN where absent)
-    when every value is a number, else the texts (None where absent)."""
-    parsed = {t: _parse_value(v) for t, v in per_trial.items()}
-    kinds = {type(v) for v in parsed.values()}
-    if kinds <= {int} and len(parsed) == n and n:
-        col = np.zeros(n, dtype=np.int64)
-    elif kinds <= {int, float}:
-        col = np.full(n, np.nan)
-    else:
-        col = np.full(n, None, dtype=object)
-        parsed = per_trial
-    for t, v in parsed.items():
-        col[t] = v
-    return col

@@ -1,11 +1,14 @@
 """A writer of ORB recordings for the Python tests.
 
-It lays recordings out byte by byte, exactly as the C++ test writer does
-(``tests/OrbWriter.h``, ``tests/Recordings.h``): the magic line, the
+It lays recordings out byte by byte on its own: the magic line, the
 preamble, sample items built from their flag word, event items as coded
 fields, messages, the starts and ends of recording blocks with their rate
-and mode word, and the compressed container. Every test reads a file it
-made itself.
+and mode word, and the compressed container. It is kept apart from the C++
+test writer (``tests/OrbWriter.h``) on purpose and shares no code with it:
+the Python tests cross-check the reader against a second, independent
+reading of the format, so that a mistake made once in the C++ writer and
+the reader alike does not go unseen. Every test reads a file it made
+itself.
 
 Low level::
 
@@ -260,7 +263,7 @@ class OrbWriter:
 
 
 # ---------------------------------------------------------------------------
-# Small building blocks (as tests/Recordings.h)
+# Small building blocks
 # ---------------------------------------------------------------------------
 
 def message(time: int, text: str | bytes) -> EventItem:
@@ -334,7 +337,8 @@ MISSING_WORD = -32768  # a stored missing position, gaze or pupil word
 
 def typical(*, rate: int = 1000, eyes: str = "both", high_speed: bool = False,
             trials: int = 3, trial_ms: int = 400, blocks: int | None = None, blinks: bool = True,
-            camera: bool = False, variables: dict | None = None, messages: bool = True,
+            camera: bool = False, variables: dict | None = None, variable_prefix: str = "",
+            messages: bool = True,
             compressed: bool = False, damage: str | None = None, seed: int = 1,
             start: int = 100000) -> OrbWriter:
     """A recording as a tracker writes one, as an OrbWriter (call ``write``
@@ -348,13 +352,13 @@ def typical(*, rate: int = 1000, eyes: str = "both", high_speed: bool = False,
     - `trials` trials of `trial_ms` each, spread over `blocks` recording
       blocks (by default one block per trial, as trackers record); every
       trial starts with a "TRIALID n" message, carries its variables and
-      ends with "TRIAL_RESULT 0". The library starts no second trial inside
-      an open one, so with fewer blocks than trials read with
-      ``trial_end="TRIAL_RESULT"``;
+      ends with "trial end". The library starts no second trial inside an
+      open one, so with fewer blocks than trials read with
+      ``trial_end="trial end"``;
     - `variables`: key → list of values, one per trial (``None`` leaves that
-      trial without it); even keys are written as "!V TRIAL_VAR key value",
-      odd ones as "key value". By default every trial gets ``condition``
-      (text) and ``difficulty`` (a number);
+      trial without it), written as "key value" after `variable_prefix`.
+      By default every trial gets ``condition`` (text) and ``difficulty``
+      (a number);
     - each trial has fixations and saccades on both recorded eyes; with
       `blinks` the second saccade of a trial holds a blink whose samples
       are missing (gaze and pupil words -32768, resolution missing too);
@@ -395,11 +399,10 @@ def typical(*, rate: int = 1000, eyes: str = "both", high_speed: bool = False,
         last = t
         for _ in range(n_trials):
             w.add(message(t, f"TRIALID {trial + 1}"))
-            for k, (key, values) in enumerate(variables.items()):
+            for key, values in variables.items():
                 value = values[trial] if trial < len(values) else None
                 if value is not None:
-                    text = f"!V TRIAL_VAR {key} {value}" if k % 2 == 0 else f"{key} {value}"
-                    w.add(message(t, text))
+                    w.add(message(t, f"{variable_prefix}{key} {value}"))
             if messages and trial == 0:
                 w.add(message(t + 1, "Grüße, Blickdaten\n"))
                 w.add(message(t + 1, "no line feed"))
@@ -458,7 +461,7 @@ def typical(*, rate: int = 1000, eyes: str = "both", high_speed: bool = False,
                     else:
                         end.word(114, 3500)
                     w.add(end)
-            w.add(message(last, "TRIAL_RESULT 0"))
+            w.add(message(last, "trial end\n"))
             trial += 1
             t += trial_ms
         if damage == "no_end" and b == blocks - 1:

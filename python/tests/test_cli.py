@@ -1,6 +1,6 @@
 """The ``orb`` command: info, convert (each format read back and compared
-with orbapi.read), failures among good recordings, usage errors, and the
-wiring of ``orb plot`` and ``--format fif`` to their modules."""
+with orbapi.read), failures among good recordings, usage errors, the
+registry of subcommands, and the wiring of ``--format fif`` to its module."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ import pyarrow.dataset as ds
 import pytest
 
 import orbapi
-from orbapi import cli
+from orbapi import cli, many
 
 from orbwriter import OrbWriter, add_samples, end_block, message, start_block, typical
 
@@ -35,7 +35,7 @@ def gappy(path):
     start_block(w, 1000, rate=1000)
     w.add(message(1000, "TRIALID 1"))
     add_samples(w, [*range(1000, 1010), *range(1015, 1030)])
-    w.add(message(1029, "TRIAL_RESULT 0"))
+    w.add(message(1029, "trial end"))
     end_block(w, 1030)
     return w.write(path)
 
@@ -91,7 +91,7 @@ def test_info_reports_repairs_and_refusals_in_text_and_json(capsys, tmp_path, st
     assert broken_info["error"] and "samples" not in broken_info
     with pytest.raises(orbapi.OrbError) as refused:
         orbapi.read(broken, consistency=2)
-    assert broken_info["error"] == cli.many.reason(refused.value)
+    assert broken_info["error"] == many.reason(refused.value)
     assert good["error"] is None and good["damage"] == [] and good["trials"] == 3
     assert good["blocks"][0]["eyes"] == "both" and good["blocks"][0]["sample_rate"] == 1000
 
@@ -161,6 +161,17 @@ def test_parquet_folder_is_one_dataset_with_options_applied(capsys, tmp_path, st
     assert trials.loc[trials.file == study[0], "rt"].isna().all()
 
 
+def test_variable_prefix_reaches_the_reader(capsys, tmp_path):
+    path = typical(trials=2, messages=False, variable_prefix="var ",
+                   variables={"rt": [412, 388]}).write(tmp_path / "prefixed.orb")
+    out_dir = tmp_path / "out"
+    code, _, _ = run(capsys, "convert", path, "-o", str(out_dir), "--tables", "trials",
+                     "--variables", "all", "--variable-prefix", "var ")
+    assert code == 0
+    trials = pd.read_parquet(out_dir / "trials")
+    assert trials.rt.tolist() == [412, 388] and "TRIALID" not in trials.columns
+
+
 def test_a_damaged_recording_is_reported_and_skipped(capsys, tmp_path, study):
     broken = typical(damage="bad_magic").write(tmp_path / "study" / "p00.orb")
     missing = str(tmp_path / "nowhere.orb")
@@ -169,7 +180,7 @@ def test_a_damaged_recording_is_reported_and_skipped(capsys, tmp_path, study):
     assert code == 1
     with pytest.raises(orbapi.OrbError) as refused:
         orbapi.read(broken)
-    assert f"orb: {broken}: {cli.many.reason(refused.value)}\n" in err
+    assert f"orb: {broken}: {many.reason(refused.value)}\n" in err
     assert f"orb: {missing}: no such file: {missing}\n" in err
     assert "Converted 3 of 5 recordings" in out and "2 failed" in out
     assert sorted(p.stem for p in (out_dir / "samples").iterdir()) == ["p01", "p02", "p03"]
@@ -232,18 +243,34 @@ def test_help_explains_with_examples(capsys, argv):
 # modules of other front ends
 
 
-def test_plot_is_wired_to_its_module(capsys, monkeypatch):
+def test_a_registered_command_runs_and_one_that_cannot_says_what_to_install(capsys, monkeypatch):
     seen = {}
-    fake = types.ModuleType("orbapi.plot")
-    fake.add_plot_arguments = lambda p: p.add_argument("file")
-    fake.run_plot = lambda args: seen.setdefault("file", args.file) and 0
-    monkeypatch.setitem(sys.modules, "orbapi.plot", fake)
-    monkeypatch.setattr(orbapi, "plot", fake, raising=False)
-    assert run(capsys, "plot", "a.orb")[0] == 0 and seen == {"file": "a.orb"}
+    command = types.ModuleType("fake_command")
+    command.EXTRA = "extra-of-it"
+    command.configure = lambda p: p.add_argument("file")
+    command.run = lambda args: seen.setdefault("file", args.file) and 0
+    monkeypatch.setitem(sys.modules, "fake_command", command)
+    monkeypatch.setattr(cli, "COMMANDS", (*cli.COMMANDS, ("fake", "fake_command", "does nothing")))
+    assert run(capsys, "fake", "a.orb")[0] == 0 and seen == {"file": "a.orb"}
+    code, out, _ = run(capsys, "--help")
+    assert code == 0 and "does nothing" in out
 
-    monkeypatch.setitem(sys.modules, "orbapi.plot", None)  # not installed
-    monkeypatch.delattr(orbapi, "plot")
-    code, _, err = run(capsys, "plot", "a.orb")
+    def missing(args):
+        raise ImportError("it needs a package that is not installed")
+
+    command.run = missing
+    code, _, err = run(capsys, "fake", "a.orb")
+    assert code == 2 and "orb fake is not available" in err and "pip install 'orbapi[extra-of-it]'" in err
+
+    monkeypatch.setitem(sys.modules, "fake_command", None)  # the module itself cannot be imported
+    code, _, err = run(capsys, "fake", "a.orb")
+    assert code == 2 and "orb fake is not available" in err
+
+
+def test_plot_without_matplotlib_names_the_extra(capsys, monkeypatch, study):
+    monkeypatch.setitem(sys.modules, "matplotlib", None)
+    monkeypatch.setitem(sys.modules, "matplotlib.figure", None)
+    code, _, err = run(capsys, "plot", study[0], "-o", "x.png")
     assert code == 2 and "pip install 'orbapi[plot]'" in err
 
 

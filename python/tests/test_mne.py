@@ -72,6 +72,29 @@ def test_channels_hold_the_samples_on_the_grid(make_recording, rate, eyes):
     assert np.isnan(data).any() and not np.isnan(data[:, cells]).all()
 
 
+def test_channels_and_annotations_are_as_mne_makes_them(make_recording):
+    """The channel types and the annotations are handed to MNE without its
+    own functions; they must be what those functions make."""
+    raw = orbapi.read(make_recording(rate=500, trials=2)).to_mne()
+    typed = raw.copy()
+    eyetracking.set_channel_types_eyetrack(typed, {
+        name: ("eyegaze", "px", name.split("_")[1], name[0]) if name[1:4] == "pos"
+        else ("pupil", "au", name.split("_")[1]) for name in raw.ch_names})
+    for ours, theirs in zip(raw.info["chs"], typed.info["chs"]):
+        assert (ours["kind"], ours["coil_type"], ours["unit"]) == (
+            theirs["kind"], theirs["coil_type"], theirs["unit"])
+        np.testing.assert_array_equal(ours["loc"], theirs["loc"])
+
+    a = raw.annotations
+    made = mne.Annotations(a.onset, a.duration, list(a.description), ch_names=list(a.ch_names))
+    assert made == a and len(a.extras) == len(a) and a.description.dtype == made.description.dtype
+    assert [tuple(c) for c in made.ch_names] == [tuple(c) for c in a.ch_names]
+    a.extras[0]["note"] = "first"  # each annotation has extras of its own
+    assert a.extras[1] == {}
+    a.append(0.0, 0.0, "added")
+    assert len(a) == len(made) + 1 and "added" in a.description
+
+
 def test_annotations_are_the_events_messages_and_gaps(make_recording):
     rec = orbapi.read(make_recording(rate=500, trials=3))
     raw = rec.to_mne()
@@ -221,3 +244,16 @@ def test_toolkits_are_not_imported_with_the_package():
             "print(sorted({'mne', 'pymovements'} & set(sys.modules)))")
     out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, check=True)
     assert out.stdout.strip() == "[]"
+
+
+def test_first_conversion_in_a_process_loads_mne_io_beside_the_grid(make_recording):
+    """In a fresh process MNE's io modules are not loaded yet; to_mne loads
+    them on a thread while it fills the grid, and gives the same Raw."""
+    path = make_recording(rate=500, trials=2)
+    code = ("import sys, mne, numpy, orbapi; assert 'mne.io.base' not in sys.modules; "
+            f"raw = orbapi.read({path!r}).to_mne(); "
+            "print(raw.n_times, len(raw.annotations), numpy.nansum(raw.get_data()))")
+    out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, check=True)
+    raw = orbapi.read(path).to_mne()
+    assert out.stdout.split() == [str(raw.n_times), str(len(raw.annotations)),
+                                  str(np.nansum(raw.get_data()))]

@@ -17,6 +17,7 @@ import matplotlib.pyplot as plt  # noqa: E402
 
 import orbapi  # noqa: E402
 from orbapi import plot as orbplot  # noqa: E402
+from orbapi.cli import plot as plot_command  # noqa: E402
 
 
 @pytest.fixture(autouse=True)
@@ -87,7 +88,7 @@ def test_trial_panels_spans_messages_and_scanpath(rec, tmp_path):
     msgs = rec.messages[(rec.messages.time >= trial.start_time)
                         & (rec.messages.time <= trial.end_time)]
     assert msgs.time.iloc[-2] - trial.start_time <= 2
-    assert texts(ax_x) == [" | ".join(msgs.text.iloc[:-1]), "TRIAL_RESULT 0"]
+    assert texts(ax_x) == [" | ".join(msgs.text.iloc[:-1]), "trial end"]
     for ax in (ax_x, ax_y):
         (ticks,) = by_gid(ax.collections, "messages")
         assert len(ticks.get_segments()) == len(msgs)
@@ -240,8 +241,8 @@ def test_matplotlib_only_when_drawing(rec, monkeypatch):
 
 def orb_plot(*argv):
     parser = argparse.ArgumentParser(prog="orb plot")
-    orbplot.add_plot_arguments(parser)
-    return orbplot.run_plot(parser.parse_args([str(a) for a in argv]))
+    plot_command.configure(parser)
+    return plot_command.run(parser.parse_args([str(a) for a in argv]))
 
 
 @pytest.mark.parametrize("options, name, magic", [

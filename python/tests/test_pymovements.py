@@ -4,6 +4,7 @@ Needs the extra ``orbapi[pymovements]`` (pymovements, which brings polars)."""
 from __future__ import annotations
 
 import sys
+import warnings
 
 import numpy as np
 import pytest
@@ -44,7 +45,8 @@ def test_samples_are_the_samples_table(make_recording, rate, eyes):
     else:
         assert samples["pupil"].to_list() == nested(table, pupil)
         assert samples["pupil"].explode().null_count() > 0
-    assert gaze.trial_columns == ["trial"]
+    # Per-trial detection needs event times of one type (whole ms).
+    assert gaze.trial_columns == (["trial"] if rate <= 1000 else None)
     tracker = gaze.experiment.eyetracker
     assert (tracker.sampling_rate, tracker.left, tracker.right) == (
         rate, "left" in recorded, "right" in recorded)
@@ -68,46 +70,100 @@ def test_events_and_messages_are_the_recordings_own(make_recording):
     assert gaze.messages["content"].to_list() == rec.messages.text.tolist()
 
 
-def steady_gaze(make_recording):
-    """Three 300 ms fixations joined by 20 ms saccades, both eyes, 1000 Hz."""
+SPOTS = [(300, 250), (900, 700), (500, 600), (1000, 200), (200, 800), (700, 300)]
+FIXATION_MS, SACCADE_MS = 300, 30
+
+
+def fixating(make_recording, rate, eyes, compressed=False):
+    """Gaze resting on each of SPOTS for 300 ms, jittering by at most 0.2 px,
+    then moving to the next in 30 ms; the recording's own fixation and
+    saccade events say so, for each recorded eye.  Two trials of three
+    spots, each starting with the first fixation of its spots."""
+    bits = {"left": 1, "right": 2, "both": 3}[eyes]
+    recorded = [e for e in (0, 1) if bits & (1 << e)]
+    flags = (orbwriter.SAMPLE_BIT | orbwriter.GAZE | orbwriter.PUPIL
+             | (orbwriter.LEFT if bits & 1 else 0) | (orbwriter.RIGHT if bits & 2 else 0))
     w = orbwriter.OrbWriter()
-    orbwriter.start_block(w, 1000, flags=orbwriter.SAMPLE_BIT | orbwriter.LEFT
-                          | orbwriter.RIGHT | orbwriter.GAZE | orbwriter.PUPIL)
-    spots = [(300, 250), (900, 700), (500, 600)]
-    t = 1000
-    for k, (x, y) in enumerate(spots):
-        for i in range(320 if k < 2 else 300):
-            if i < 300:
-                at = (x + i % 3, y + i % 2)
-            else:  # on the way to the next spot
-                nx, ny = spots[k + 1]
-                at = (x + (nx - x) * (i - 299) // 20, y + (ny - y) * (i - 299) // 20)
-            s = orbwriter.sample_at(t, orbwriter.PUPIL)
-            s.gaze = [list(at), list(at)]
-            s.pupil = [900, 910]
-            w.add(s)
-            t += 1
+    if compressed:
+        w.compress()
+    t0 = 10000
+    w.add(orbwriter.block_start(orbwriter.SSAMPLES, t0, rate, flags, 10))
+    w.add(orbwriter.block_start(orbwriter.SEVENTS, t0, rate, 0, 10, 10, 0x0312,
+                                (0x4000 if bits & 1 else 0) | (0x8000 if bits & 2 else 0)))
+    per_ms, step = (2, 1) if rate == 2000 else (1, 1000 // rate)
+    t = t0
+    for k, (x, y) in enumerate(SPOTS):
+        if k % 3 == 0:
+            w.add(orbwriter.message(t, f"TRIALID {k // 3 + 1}"))
+        last = k == len(SPOTS) - 1
+        fix_end = t + FIXATION_MS - step
+        for e in recorded:
+            w.add(orbwriter.EventItem(orbwriter.SFIX, e).start(t))
+        for ms in range(0, FIXATION_MS if last else FIXATION_MS + SACCADE_MS, step):
+            for sub in range(per_ms):
+                i = ms * per_ms + sub
+                if ms < FIXATION_MS:
+                    at = (10 * x + (i * 7) % 5 - 2, 10 * y + (i * 3) % 5 - 2)
+                else:  # on the way to the next spot
+                    nx, ny = SPOTS[k + 1]
+                    f = (ms - FIXATION_MS + 1) / SACCADE_MS
+                    at = (round(10 * (x + (nx - x) * f)), round(10 * (y + (ny - y) * f)))
+                s = orbwriter.SampleItem(flags=flags | orbwriter.FULL_TIME
+                                         | (orbwriter.HALF_MS if sub else 0), time=t + ms)
+                s.gaze = [list(at), list(at)]
+                s.pupil = [900, 910]
+                w.add(s)
+            if ms == FIXATION_MS - step:
+                for e in recorded:
+                    w.add(orbwriter.EventItem(orbwriter.EFIX, e).start(t).end(fix_end)
+                          .words(42, 10 * x, 10 * y))
+                    if not last:
+                        w.add(orbwriter.EventItem(orbwriter.SSACC, e).start(fix_end + step))
+        if not last:
+            for e in recorded:
+                w.add(orbwriter.EventItem(orbwriter.ESACC, e).start(fix_end + step)
+                      .end(t + FIXATION_MS + SACCADE_MS - step))
+        t += FIXATION_MS + SACCADE_MS
     orbwriter.end_block(w, t)
     return orbapi.read(make_recording(w))
 
 
-def test_pixels_to_degrees_velocities_and_detection_run(make_recording):
-    rec = steady_gaze(make_recording)
+@pytest.mark.parametrize("rate, eyes, compressed", [
+    (2000, "left", False), (500, "right", True), (1000, "both", False)])
+def test_detection_finds_the_recordings_fixations(make_recording, rate, eyes, compressed):
+    """pix2deg, pos2vel and detect("ivt") find each of the recording's own
+    fixations once, on the eye pymovements picks (the right one of two).
+    The count must be exact: the gaze moves at under a third of the
+    velocity threshold while fixating and at over ten times it between the
+    spots, so no sample lies near the threshold.  The onsets and offsets may
+    differ from the recording's by the velocity filter's reach (two samples
+    each side) and one more sample."""
+    rec = fixating(make_recording, rate, eyes, compressed)
     gaze = rec.to_pymovements(screen=SCREEN)
     screen = gaze.experiment.screen
     assert (screen.width_px, screen.height_px, screen.distance_cm, screen.origin) == (
         1280, 1024, 68.0, "upper left")
+    assert gaze.n_components == (4 if eyes == "both" else 2)
     gaze.pix2deg()
     gaze.pos2vel()
-    gaze.detect("ivt")
-    assert {"position", "velocity"} <= set(gaze.samples.columns)
+    with warnings.catch_warnings():
+        warnings.filterwarnings("error", message=".*No events were detected")
+        gaze.detect("ivt", clear=True)
+    # The leftmost spot lies 440 px left of the screen's centre.
     position = gaze.samples["position"].list.get(0)
-    # The first spot lies 340 px left of the screen's centre.
-    assert position.min() == pytest.approx(-np.degrees(np.arctan(340 * 38 / 1280 / 68)), abs=0.1)
-    fixations = gaze.events.frame.filter(pl.col("name") == "fixation")
-    assert len(fixations) == 3
-    np.testing.assert_allclose(fixations["onset"].to_numpy(), [1000, 1320, 1640], atol=5)
+    assert position.min() == pytest.approx(-np.degrees(np.arctan(440 * 38 / 1280 / 68)), abs=0.1)
 
+    eye = 1 if eyes in ("right", "both") else 0
+    own = rec.fixations[rec.fixations.eye == eye].sort_values("start_time")
+    found = gaze.events.frame.filter(pl.col("name") == "fixation").sort("onset")
+    assert len(own) == len(SPOTS) and len(found) == len(own)
+    reach = 3 * 1000 / rate
+    np.testing.assert_allclose(found["onset"].to_numpy(), own.start_time, atol=reach)
+    np.testing.assert_allclose(found["offset"].to_numpy(), own.end_time, atol=reach)
+
+
+def test_screen_needs_every_value(make_recording):
+    rec = fixating(make_recording, 1000, "left")
     with pytest.raises(ValueError, match="distance_cm"):
         rec.to_pymovements(screen={k: v for k, v in SCREEN.items() if k != "distance_cm"})
 

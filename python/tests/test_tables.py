@@ -38,7 +38,7 @@ RECORDINGS = {
 READS = {
     "as-stored": dict(),
     "repair": dict(consistency=2),
-    "one-trial-end": dict(trial_end="TRIAL_RESULT"),
+    "one-trial-end": dict(trial_end="trial end"),
 }
 
 

@@ -2,6 +2,7 @@
 from __future__ import annotations
 
 import numpy as np
+import pytest
 
 import orbapi
 from orbwriter import OrbWriter, add_sample_run, end_block, message, start_block
@@ -9,8 +10,8 @@ from orbwriter import OrbWriter, add_sample_run, end_block, message, start_block
 
 def test_variables_become_typed_columns(make_recording):
     path = make_recording(trials=4, variables={
-        "condition": ["easy", "hard", "easy", None],   # written as !V TRIAL_VAR
-        "count": [1, 2, 3, 4],                          # KEY VALUE
+        "condition": ["easy", "hard", "easy", None],
+        "count": [1, 2, 3, 4],
         "rt": [512, 0.25, None, 3],
         "mixed": ["7", "x7", None, None],
     })
@@ -29,11 +30,26 @@ def test_variables_become_typed_columns(make_recording):
 
 def test_all_takes_every_key_value_message(make_recording):
     rec = orbapi.read(make_recording(trials=2, messages=False), variables="all")
-    assert {"condition", "difficulty", "TRIALID", "TRIAL_RESULT"} <= set(rec.trials.columns)
+    assert {"condition", "difficulty", "TRIALID"} <= set(rec.trials.columns)
     assert list(rec.trials.TRIALID) == [1, 2]
     assert list(rec.trials.difficulty) == [1.5, 3.0]
+    # "trial end" would be the variable "trial": the table's own column stays.
+    assert list(rec.trials.trial) == [0, 1]
     # A message without a value names nothing.
     assert "no" not in rec.trials.columns
+
+
+def test_a_prefix_picks_the_variables_of_another_form(make_recording):
+    path = make_recording(trials=3, messages=False, variable_prefix="var ",
+                          variables={"rt": [512, 498, 530], "side": ["l", "r", "l"]})
+    rec = orbapi.read(path, variables="all", variable_prefix="var ")
+    assert list(rec.trials.columns[7:]) == ["rt", "side"]  # TRIALID lacks the prefix
+    assert list(rec.trials.rt) == [512, 498, 530] and list(rec.trials.side) == ["l", "r", "l"]
+    # Without the prefix the same messages are the variable "var".
+    plain = orbapi.read(path, variables="all")
+    assert "rt" not in plain.trials.columns and list(plain.trials["var"]) == ["side l", "side r", "side l"]
+    with pytest.raises(ValueError, match="own column"):
+        orbapi.read(path, variables=["rt", "trial"])
 
 
 def test_no_variables_by_default_and_a_single_key(make_recording):
@@ -58,8 +74,8 @@ def test_only_messages_inside_a_trial_count():
 def test_custom_trial_identifiers(make_recording):
     path = make_recording(trials=3, blocks=1)
     one = orbapi.read(path)
-    split = orbapi.read(path, trial_end="TRIAL_RESULT")
-    with orbapi.open(path, trial_end="TRIAL_RESULT") as f:
+    split = orbapi.read(path, trial_end="trial end")
+    with orbapi.open(path, trial_end="trial end") as f:
         assert len(split.trials) == f.trial_count
     assert len(split.trials) > len(one.trials) == 1
     none = orbapi.read(path, trial_start="NO SUCH MESSAGE")

@@ -9,7 +9,6 @@ is fetched from the network.
 """
 from __future__ import annotations
 
-import argparse
 import sys
 import threading
 import webbrowser
@@ -137,24 +136,22 @@ def _open(url):
     threading.Thread(target=webbrowser.open, args=(url,), daemon=True).start()
 
 
-def add_command(sub, add_consistency):
-    """Adds ``orb view`` to the subcommands `sub` of the ``orb`` parser;
-    `add_consistency(parser, default)` adds the ``--consistency`` option
-    that the other commands take."""
-    p = sub.add_parser("view", help="look through a recording in the web browser",
-                       description="Serve a page that shows a recording, from the whole of it down "
-                                   "to single samples, on 127.0.0.1.",
-                       epilog=EPILOG, formatter_class=argparse.RawDescriptionHelpFormatter)
-    p.add_argument("file", metavar="FILE", help="the recording")
-    p.add_argument("--port", type=int, default=0, metavar="N",
-                   help="the port to serve on (default: a free one)")
-    p.add_argument("--no-browser", action="store_true", help="do not open the page in the web browser")
-    add_consistency(p, 2)
-    p.set_defaults(run=run_command)
-    return p
+def configure(parser):
+    """Configures the parser of ``orb view``: the recording, ``--port``,
+    ``--no-browser`` and ``--consistency``."""
+    from ..cli._common import add_consistency
+
+    parser.description = ("Serve a page that shows a recording, from the whole of it down "
+                          "to single samples, on 127.0.0.1.")
+    parser.epilog = EPILOG
+    parser.add_argument("file", metavar="FILE", help="the recording")
+    parser.add_argument("--port", type=int, default=0, metavar="N",
+                        help="the port to serve on (default: a free one)")
+    parser.add_argument("--no-browser", action="store_true", help="do not open the page in the web browser")
+    add_consistency(parser, 2)
 
 
-def run_command(args) -> int:
+def run(args) -> int:
     """Runs ``orb view`` with the parsed `args`: 0 once stopped by Ctrl-C,
     1 when the recording cannot be read or the port cannot be had, 2 for a
     port that is no port."""
