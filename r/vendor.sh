@@ -1,7 +1,8 @@
 #!/bin/sh
 # Makes r/ an R source package that builds on its own: copies the library's
 # headers (include/) and every source of src/, in every folder below it,
-# with the cpp11 headers, into r/src/vendor/, and writes r/src/Makevars,
+# with the cpp11 headers, into r/src/vendor/, the example recording into
+# r/inst/extdata/, and writes r/src/Makevars,
 # which compiles them all into the package.  Run it before `R CMD build r`.
 set -eu
 here=$(cd "$(dirname "$0")" && pwd)
@@ -22,8 +23,10 @@ cpp11=$(Rscript -e 'cat(system.file("include", package = "cpp11"))')
     exit 1
 }
 
-rm -rf "$vendor"
-mkdir -p "$vendor"
+rm -rf "$vendor" "$here/inst/extdata"
+mkdir -p "$vendor" "$here/inst/extdata"
+# The recording the documentation's examples read.
+cp "$root/examples/example.orb" "$here/inst/extdata/example.orb"
 cp -R "$root/include" "$vendor/include"
 cp -R "$root/src" "$vendor/lib"
 cp -R "$cpp11" "$vendor/cpp11"

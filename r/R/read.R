@@ -35,9 +35,10 @@ read_orb <- function(path, velocities = FALSE, camera = FALSE, consistency = 0,
 
   raw <- .Call(`_orbapi_orb_read_`, source$data, as.integer(consistency), velocities,
                camera, trial_start, trial_end, sentinels, columns$samples, start, end)
-  orb_log(raw$log, source$name)
+  # A refused file's log lines are its reason; a read file's are warnings.
   if (!is.null(raw$error))
     orb_refused(source$name, raw$error, raw$code)
+  orb_log(raw$log, source$name)
   if (!is.null(raw$unknown))
     orb_unknown_column("samples", raw$unknown, raw$known)
   orb_recording(raw, variables, columns, source$name, !is.na(start) || !is.na(end))

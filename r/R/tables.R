@@ -10,7 +10,8 @@ orb_recording <- function(raw, variables, columns, name, windowed) {
   event_rows <- lapply(others, `[`, !is_message)
   messages <- list(time = events$start_time[is_message], text = raw$texts,
                    block = events$block[is_message], trial = events$trial[is_message])
-  trials <- orb_trial_table(raw$trials, if (windowed) raw$window, messages, variables)
+  said <- if (is.null(raw$all_texts)) messages else list(text = raw$all_texts, trial = raw$all_trials)
+  trials <- orb_trial_table(raw$trials, if (windowed) raw$window, said, variables)
   tables <- list(samples = raw$samples, events = event_rows)
   for (kind in names(orb_end_codes)) {
     keep <- event_rows$type == orb_end_codes[[kind]]
@@ -20,6 +21,10 @@ orb_recording <- function(raw, variables, columns, name, windowed) {
   }
   tables$messages <- messages
   tables$blocks <- orb_block_table(raw$blocks)
+  if (windowed) {
+    inside <- tables$blocks$index >= raw$window[[1]] & tables$blocks$index < raw$window[[2]]
+    tables$blocks <- lapply(tables$blocks, `[`, inside)
+  }
   tables$trials <- trials
 
   for (table in names(columns)) {
@@ -86,7 +91,9 @@ orb_trial_table <- function(trials, window, messages, variables) {
   if (!is.null(window)) {
     s <- trials$start_index
     e <- trials$end_index
-    keep <- (s < window[[2]] & e > window[[1]]) | (s == e & s >= window[[1]] & s < window[[2]])
+    from <- window[[1]]
+    to <- window[[2]]
+    keep <- ((s < to & e > from) | (s == e & s >= from & s < to)) & from < to
   }
   number <- seq_len(n_all)[keep] - 1L
   out <- list(trial = number)

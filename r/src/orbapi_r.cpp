@@ -429,6 +429,18 @@ cpp11::writable::strings messagesOf(ORB_COLUMNS* c, const Span& span)
     return out;
 }
 
+// The trial numbers of every message.
+cpp11::writable::integers messageTrials(ORB_COLUMNS* c)
+{
+    auto type = static_cast<const uint16_t*>(find(c, ORB_TABLE_EVENTS, "type"));
+    auto trial = static_cast<const int32_t*>(find(c, ORB_TABLE_EVENTS, "trial"));
+    cpp11::writable::integers out;
+    for (size_t r = 0; type && trial && r < orb_columns_rows(c, ORB_TABLE_EVENTS); ++r)
+        if (type[r] == kMessage)
+            out.push_back(trial[r]);
+    return out;
+}
+
 // What `orb info` counts beside the tables: the time the rows span, as the
 // Python package's info counts it, and the placeholder samples.
 cpp11::writable::list factsOf(ORB_COLUMNS* c, const Span& s, const Span& e, const Span& b)
@@ -546,8 +558,12 @@ cpp11::list orb_read_(SEXP source, int consistency, bool velocities,
     placeWindow(c, w);
     const Span ss = spanOf(c, ORB_TABLE_SAMPLES, w);
     const Span es = spanOf(c, ORB_TABLE_EVENTS, w);
-    const Span bs = spanOf(c, ORB_TABLE_BLOCKS, w);
+    // Blocks and trials are read whole: a block's end and a trial's
+    // variables may lie outside the window.
+    const Span bs{0, orb_columns_rows(c, ORB_TABLE_BLOCKS)};
     const Span trials{0, orb_columns_rows(c, ORB_TABLE_TRIALS)};
+    const Span allEvents{0, orb_columns_rows(c, ORB_TABLE_EVENTS)};
+    const bool windowed = es.first != 0 || es.rows != allEvents.rows;
 
     std::vector<Copy> copies;
     cpp11::writable::list out({
@@ -555,10 +571,12 @@ cpp11::list orb_read_(SEXP source, int consistency, bool velocities,
         "sample_columns"_nm = namesOf(c, ORB_TABLE_SAMPLES),
         "events"_nm = tableOf(c, ORB_TABLE_EVENTS, es, {}, sentinels, copies),
         "texts"_nm = messagesOf(c, es),
+        "all_texts"_nm = windowed ? SEXP(messagesOf(c, allEvents)) : R_NilValue,
+        "all_trials"_nm = windowed ? SEXP(messageTrials(c)) : R_NilValue,
         "blocks"_nm = tableOf(c, ORB_TABLE_BLOCKS, bs, {}, sentinels, copies),
         "trials"_nm = tableOf(c, ORB_TABLE_TRIALS, trials, {}, sentinels, copies),
         "window"_nm = cpp11::writable::doubles({double(w.from), double(w.to)}),
-        "facts"_nm = factsOf(c, ss, es, bs),
+        "facts"_nm = factsOf(c, ss, es, spanOf(c, ORB_TABLE_BLOCKS, w)),
         "log"_nm = log.take(),
     });
     runAll(copies);
