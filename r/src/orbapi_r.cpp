@@ -586,6 +586,13 @@ cpp11::list orb_read_(SEXP source, int consistency, bool velocities,
 // The version of the library compiled into the package.
 std::string orb_library_version_() { return orb_library_version(); }
 
+// R's table of entry points holds them as one generic function type.
+template <class F>
+DL_FUNC entry(F* f)
+{
+    return reinterpret_cast<DL_FUNC>(reinterpret_cast<void (*)(void)>(f));
+}
+
 extern "C" {
 
 SEXP _orbapi_orb_read_(SEXP source, SEXP consistency, SEXP velocities, SEXP camera,
@@ -608,8 +615,8 @@ SEXP _orbapi_orb_library_version_()
 }
 
 static const R_CallMethodDef callEntries[] = {
-    {"_orbapi_orb_read_", (DL_FUNC)&_orbapi_orb_read_, 10},
-    {"_orbapi_orb_library_version_", (DL_FUNC)&_orbapi_orb_library_version_, 0},
+    {"_orbapi_orb_read_", entry(&_orbapi_orb_read_), 10},
+    {"_orbapi_orb_library_version_", entry(&_orbapi_orb_library_version_), 0},
     {nullptr, nullptr, 0}};
 
 // The library's log lines are collected during reads and handed to R as
