@@ -18,6 +18,11 @@
 #include <thread>
 #include <vector>
 
+#if defined(__linux__)
+#include <sys/mman.h>
+#include <unistd.h>
+#endif
+
 #include "orbapi.h"
 
 namespace {
@@ -154,7 +159,30 @@ struct Copy {
     void* dst;
     Missing missing;
     const uint16_t* half; // the samples' flags: adds the half millisecond
+    size_t discardBytes;  // of the column, given back once copied (0: kept)
 };
+
+// Gives the pages of a column that was copied (or is not wanted) back to
+// the system, so that the columns and the R vectors made from them are not
+// all in memory at once.  The columns belong to the caller until
+// orb_free_columns, and nothing reads these bytes again: their content may
+// go.  Only whole pages inside the column are given back.
+void discard(const void* data, size_t bytes)
+{
+#if defined(__linux__) && defined(MADV_DONTNEED)
+    const long size = sysconf(_SC_PAGESIZE);
+    if (!data || size <= 0)
+        return;
+    const uintptr_t page = uintptr_t(size);
+    const uintptr_t a = (uintptr_t(data) + page - 1) & ~(page - 1);
+    const uintptr_t b = (uintptr_t(data) + bytes) & ~(page - 1);
+    if (b > a)
+        madvise(reinterpret_cast<void*>(a), b - a, MADV_DONTNEED);
+#else
+    (void)data;
+    (void)bytes;
+#endif
+}
 
 template <class T>
 const T* rowsOf(const Copy& c)
@@ -236,8 +264,10 @@ void runAll(const std::vector<Copy>& copies)
     const int naInt = NA_INTEGER;
     std::atomic<size_t> next{0};
     auto work = [&] {
-        for (size_t i; (i = next.fetch_add(1)) < copies.size();)
+        for (size_t i; (i = next.fetch_add(1)) < copies.size();) {
             run(copies[i], naReal, naInt);
+            discard(copies[i].col.data, copies[i].discardBytes);
+        }
     };
     size_t bytes = 0;
     for (const Copy& c : copies)
@@ -378,10 +408,14 @@ cpp11::writable::list tableOf(ORB_COLUMNS* c, int table, const Span& span,
         names[R_xlen_t(i)] = name;
         if (span.rows && col.data) {
             const uint16_t* half = (flags && name == "time") ? flags : nullptr;
+            // The samples' columns are given back as they are copied, but
+            // the flags, which the time's copy reads, only at the end.
+            const bool give = table == ORB_TABLE_SAMPLES && name != "flags";
             copies.push_back({col, span.first, span.rows,
                               isDouble(col.type) ? static_cast<void*>(REAL(v))
                                                  : static_cast<void*>(INTEGER(v)),
-                              missingOf(table, name, col.type, sentinels), half});
+                              missingOf(table, name, col.type, sentinels), half,
+                              give ? orb_columns_rows(c, table) * orb_column_type_size(col.type) : 0});
         }
     }
     out.names() = names;
@@ -579,7 +613,17 @@ cpp11::list orb_read_(SEXP source, int consistency, bool velocities,
         "facts"_nm = factsOf(c, ss, es, spanOf(c, ORB_TABLE_BLOCKS, w)),
         "log"_nm = log.take(),
     });
+    // Everything the reads above needed is read: the sample columns nobody
+    // asked for go first, the flags last.
+    const size_t nSamples = orb_columns_rows(c, ORB_TABLE_SAMPLES);
+    ORB_COLUMN col;
+    for (int k = 0; !wanted.empty() && orb_columns_column(c, ORB_TABLE_SAMPLES, k, &col) == 0; ++k)
+        if (std::strcmp(col.name, "flags") != 0 &&
+            std::find(wanted.begin(), wanted.end(), col.name) == wanted.end())
+            discard(col.data, nSamples * orb_column_type_size(col.type));
     runAll(copies);
+    if (orb_columns_find(c, ORB_TABLE_SAMPLES, "flags", &col) == 0)
+        discard(col.data, nSamples * orb_column_type_size(col.type));
     return out;
 }
 
