@@ -58,7 +58,7 @@ read_orb_many <- function(paths, ..., pattern = "\\.orb$") {
   recordings <- lapply(files, read_orb, ...)
   names <- basename(files)
   if (anyDuplicated(names))
-    names <- files
+    names <- make.unique(files, sep = "#")
   file <- factor(names, levels = unique(names))
   tables <- lapply(stats::setNames(nm = orb_tables), function(table) {
     parts <- lapply(recordings, function(r) unclass_frame(r[[table]]))

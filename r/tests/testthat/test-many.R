@@ -24,6 +24,8 @@ test_that("read_orb_many stacks the tables of a folder with a file factor", {
   expect_identical(levels(one_each$blocks$file), c("two_blocks.orb", "texts.orb"))
   expect_output(print(one_each), "<orb_recording of 2 recordings>")
   expect_length(summary(one_each), 2)
+  twice <- read_orb_many(file.path(dir, c("texts.orb", "texts.orb")))
+  expect_identical(nlevels(twice$samples$file), 2L)
   expect_error(read_orb_many(file.path(dir, "none")), class = "orb_missing_file")
   expect_error(read_orb_many(character()), class = "orb_bad_argument")
 })
