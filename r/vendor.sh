@@ -34,7 +34,8 @@ find "$vendor/lib" -type f ! -name '*.cpp' ! -name '*.h' ! -name '*.hpp' -delete
 
 cd "$here/src"
 objects=$(find vendor/lib -name '*.cpp' | LC_ALL=C sort | sed 's/\.cpp$/.o/' | tr '\n' ' ')
-includes=$(find vendor/lib \( -name '*.h' -o -name '*.hpp' \) -exec dirname {} \; |
+# The top of src/ and every folder below it that holds headers.
+includes=$({ echo vendor/lib; find vendor/lib \( -name '*.h' -o -name '*.hpp' \) -exec dirname {} \;; } |
     LC_ALL=C sort -u | sed 's/^/-I/' | tr '\n' ' ')
 sed -e "s|@OBJECTS@|$objects|" -e "s|@INCLUDES@|$includes|" Makevars.in > Makevars
 echo "vendor.sh: $(echo "$objects" | wc -w) library sources in r/src/vendor"
