@@ -170,21 +170,20 @@ void BM_FloorDecodeOnce(benchmark::State& state)
     uint64_t samples = 0, events = 0;
     for (auto _ : state) {
         ORBFile f(headPath.c_str(), 0, true, true);
-        f.stream = std::make_unique<FileInputStream>(r.path.c_str());
-        f.stream->seek(long(head.size()));
+        f.decoder.continueWith(std::make_unique<FileInputStream>(r.path.c_str()));
+        f.decoder.stream->seek(long(head.size()));
         Sample s;
         EData e;
-        e.file = &f;
         samples = events = 0;
         for (;;) {
-            const int kind = f.next_combfile_item(nullptr);
+            const int kind = f.decoder.next_combfile_item(nullptr);
             if (kind == 1) {
-                if (f.read_combfile_sample(&s, 0, 0) != 0)
+                if (f.decoder.read_combfile_sample(&s, 0, 0) != 0)
                     break;
                 ++samples;
             } else if (kind == 0) {
                 e.fe = FEVENT{};
-                if (f.read_combfile_event(&e, 0) != 0)
+                if (f.decoder.read_combfile_event(&e, 0) != 0)
                     break;
                 ++events;
             } else {

@@ -63,14 +63,14 @@ void BM_DecodeSamples(benchmark::State& state)
 {
     static Recording1000Hz file;
     ORBFile f(file.path.c_str(), 0, true, true);
-    f.gazeDivisor = 10.0f;
+    f.decoder.gazeDivisor = 10.0f;
     Sample sample;
     for (auto _ : state) {
-        f.stream->seek(file.firstSample);
-        f.pendingTag = 0;
-        f.lastSampleTime = 1000;
+        f.decoder.stream->seek(file.firstSample);
+        f.decoder.pendingTag = 0;
+        f.decoder.lastSampleTime = 1000;
         for (int i = 0; i < kSamples; ++i) {
-            if (f.read_combfile_sample(&sample, 0, 1) != 0) {
+            if (f.decoder.read_combfile_sample(&sample, 0, 1) != 0) {
                 state.SkipWithError("decoding failed");
                 return;
             }

@@ -33,7 +33,7 @@ void openBenchmark(benchmark::State& state, const orbbench::SyntheticRecording& 
     for (auto _ : state) {
         resetPeakRss();
         ORBFile f(r.path.c_str(), options, true, true);
-        if (f.items.size() != r.entries()) {
+        if (f.index.items.size() != r.entries()) {
             state.SkipWithError("the index does not hold every item");
             return;
         }

@@ -79,7 +79,7 @@ void walkBenchmark(benchmark::State& state, double rate, bool compressed)
         state.SkipWithError(e.what());
         return;
     }
-    if (f->items.size() != r.entries()) {
+    if (f->index.items.size() != r.entries()) {
         state.SkipWithError("the index does not hold every item");
         return;
     }

@@ -96,14 +96,14 @@ jstring newJavaString(JNIEnv* env, const char* text)
     return env->NewStringUTF(converted.c_str());
 }
 
-jstring GetJStringFromWideString(JNIEnv* env, const char* text, int /*encoding*/)
+jstring GetJStringFromWideString(JNIEnv* env, const char* text)
 {
     jstring result = newJavaString(env, text);
     checkJavaException(env, 301);
     return result;
 }
 
-char* GetWideStringFromJString(JNIEnv* env, jstring str, int /*encoding*/)
+char* GetWideStringFromJString(JNIEnv* env, jstring str)
 {
     if (!str)
         return nullptr;

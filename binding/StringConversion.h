@@ -22,15 +22,13 @@ std::string toModifiedUtf8(const char* text);
 // again.  Null text gives an empty String.
 jstring newJavaString(JNIEnv* env, const char* text);
 
-// A new String from the bytes of `text`.  `encoding` is the writer's encoding
-// flag of the recording (1 UTF-8); both encodings go through the same rules,
-// so it changes nothing.  Null on failure, with the failure logged.
-jstring GetJStringFromWideString(JNIEnv* env, const char* text, int encoding);
+// A new String from the bytes of `text`: UTF-8 and single-byte recordings
+// go through the same rules.  Null on failure, with the failure logged.
+jstring GetJStringFromWideString(JNIEnv* env, const char* text);
 
 // A new char[] (free with delete[]) holding the modified UTF-8 characters of
 // `str`, or null when `str` is null or its characters cannot be had.  The
 // runtime's own copy of the characters is released before returning.
-// `encoding` is accepted for symmetry and changes nothing.
-char* GetWideStringFromJString(JNIEnv* env, jstring str, int encoding);
+char* GetWideStringFromJString(JNIEnv* env, jstring str);
 
 #endif

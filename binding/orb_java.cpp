@@ -24,13 +24,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cctype>
 #include <string>
 #include <vector>
 
-#include "ItemFormat.h"
-#include "ORBFile.h"
 #include "StringConversion.h"
-#include "log.h"
 
 namespace {
 
@@ -50,7 +48,12 @@ constexpr const char* kOpenFailure = "Could not open ORB File or the ORB File is
 // class, the target's class), with room to spare.
 constexpr jint kRecordFrame = 32;
 
-ORBFile* fileOf(const ORBX* o) { return reinterpret_cast<ORBFile*>(o->handle); }
+// Hands one formatted line to the library's log.
+template <typename... Args>
+void logLine(const char* format, Args... args)
+{
+    print_log(const_cast<char*>(format), args...);
+}
 
 jfieldID orbIdField(JNIEnv* env, jobject self, int site)
 {
@@ -123,6 +126,43 @@ jobject trialResult(JNIEnv* env, jobject self, int result)
     return result == -1 ? nullptr : getCurrentTrialHeaders(env, self);
 }
 
+// The reason of the last failed open on this thread, its trailing line
+// ends and spaces dropped.
+std::string lastError()
+{
+    std::string reason = orb_get_last_error();
+    while (!reason.empty() && std::isspace(static_cast<unsigned char>(reason.back())))
+        reason.pop_back();
+    return reason;
+}
+
+// Throws the OrbException of a failed open: the fixed text, and `reason`.
+// A front end without that class gets an IOException with the fixed text.
+void throwOpenFailure(JNIEnv* env, const std::string& reason)
+{
+    jclass cls = env->FindClass("com/norvanelab/orbapi/OrbException");
+    jmethodID ctor = nullptr;
+    if (!checkJavaException(env, 104) && cls) {
+        ctor = env->GetMethodID(cls, "<init>", "(Ljava/lang/String;Ljava/lang/String;)V");
+        checkJavaException(env, 105);
+    }
+    jstring message = ctor ? newJavaString(env, kOpenFailure) : nullptr;
+    jstring why = message ? newJavaString(env, reason.c_str()) : nullptr;
+    jobject failure = why ? env->NewObject(cls, ctor, message, why) : nullptr;
+    if (!checkJavaException(env, 106) && failure) {
+        env->Throw(static_cast<jthrowable>(failure));
+    } else {
+        jclass ioException = env->FindClass("java/io/IOException");
+        if (!checkJavaException(env, 107) && ioException) {
+            env->ThrowNew(ioException, kOpenFailure);
+            env->DeleteLocalRef(ioException);
+        }
+    }
+    for (jobject local : {jobject(cls), jobject(message), jobject(why), failure})
+        if (local)
+            env->DeleteLocalRef(local);
+}
+
 int bookmarkId(JNIEnv* env, jobject mark, int site)
 {
     jclass cls = env->GetObjectClass(mark);
@@ -160,7 +200,7 @@ bool checkJavaException(JNIEnv* env, int site)
 {
     if (!env->ExceptionCheck())
         return false;
-    orb_log("Exception caught in native code at lint %d\n", site);
+    logLine("Exception caught in native code at lint %d\n", site);
     env->ExceptionDescribe();
     env->ExceptionClear();
     return true;
@@ -267,7 +307,7 @@ void newSample(JNIEnv* env, jobject target, FSAMPLE* s)
     jfloatArray rawY = newFloatPair(env, s->rawY);
     jfloatArray rawX = newFloatPair(env, s->rawX);
 
-    jdouble time = jdouble(s->time) + ((s->flags & kHalfMillisecond) ? 0.5 : 0.0);
+    jdouble time = jdouble(s->time) + ((s->flags & ORB_SAMPLE_HALF_MS) ? 0.5 : 0.0);
     jclass cls = env->GetObjectClass(target);
     callFill(env, cls, kSampleSig, 223, target, time, jint(jshort(s->flags)), rawX, rawY, secondX,
              secondY, pupilSize, gazeX, gazeY, jdouble(s->resolutionX), jdouble(s->resolutionY),
@@ -281,7 +321,7 @@ void newSample(JNIEnv* env, jobject target, FSAMPLE* s)
 void newEvent(JNIEnv* env, jobject target, FEVENT* e, int expectedType)
 {
     if (e->type != expectedType) {
-        orb_log("Types not matched \n");
+        logLine("Types not matched \n");
         std::fflush(nullptr);
     }
     std::string standing;
@@ -291,7 +331,7 @@ void newEvent(JNIEnv* env, jobject target, FEVENT* e, int expectedType)
         checkJavaException(env, 230);
         return;
     }
-    jstring message = GetJStringFromWideString(env, text, utf8encoding.load());
+    jstring message = GetJStringFromWideString(env, text);
     jclass cls = env->GetObjectClass(target);
     callFill(env, cls, kEventSig, 231, target, jint(e->time), jint(jshort(e->type)),
              jint(jshort(e->contents)), jint(e->eye), jint(e->startTime), jint(e->endTime),
@@ -328,9 +368,12 @@ jobject getCurrentTrialHeaders(JNIEnv* env, jobject self)
     ORBX* o = openObject(env, self);
     if (!o)
         return nullptr;
-    ORBTrial* trial = fileOf(o)->getTrialHeaders();
-    if (!trial)
+    TRIAL header;
+    uint32_t startIndex = 0, endIndex = 0;
+    if (orb_get_trial_header(o->handle, &header) != 0 ||
+        orb_get_trial_span(o->handle, &startIndex, &endIndex) != 0)
         return nullptr;
+    const TRIAL* trial = &header;
     if (env->PushLocalFrame(kRecordFrame) != 0) {
         checkJavaException(env, 400);
         return nullptr;
@@ -350,8 +393,7 @@ jobject getCurrentTrialHeaders(JNIEnv* env, jobject self)
         jclass trialClass = env->FindClass("com/norvanelab/orbapi/Trial");
         if (!checkJavaException(env, 403) && trialClass)
             callFill(env, trialClass, kTrialSig, 404, trialObject, jint(trial->startTime),
-                     jint(trial->endTime), recordingObject, jint(trial->startIndex),
-                     jint(trial->endIndex));
+                     jint(trial->endTime), recordingObject, jint(startIndex), jint(endIndex));
     }
     return env->PopLocalFrame(trialObject);
 }
@@ -373,7 +415,9 @@ JNIEXPORT jint JNICALL Java_com_norvanelab_orbapi_ORB_getORBFile(JNIEnv* env, jo
         jvm.store(vm, std::memory_order_release);
 
     ORBX* o = nullptr;
+    std::string reason = "no path was given";
     if (path) {
+        reason = "the path could not be read";
         const char* chars = env->GetStringUTFChars(path, nullptr);
         if (!checkJavaException(env, 102) && chars) {
             size_t length = std::strlen(chars);
@@ -389,6 +433,7 @@ JNIEXPORT jint JNICALL Java_com_norvanelab_orbapi_ORB_getORBFile(JNIEnv* env, jo
             o->frameMessages = (mode == 1 || mode == 3) ? 1 : 0;
             o->frameLookup = (mode == 2 || mode == 3) ? 1 : 0;
             if (error < 0 || !o->handle) {
+                reason = lastError();
                 delete o;
                 o = nullptr;
             }
@@ -397,12 +442,10 @@ JNIEXPORT jint JNICALL Java_com_norvanelab_orbapi_ORB_getORBFile(JNIEnv* env, jo
 
     jfieldID fid = o ? orbIdField(env, self, 103) : nullptr;
     if (!fid) {
+        if (o)
+            reason = "the object has no field orbID to keep the file in";
         delete o; // a front end without the field cannot keep the file
-        jclass ioException = env->FindClass("java/io/IOException");
-        if (!checkJavaException(env, 104) && ioException) {
-            env->ThrowNew(ioException, kOpenFailure);
-            env->DeleteLocalRef(ioException);
-        }
+        throwOpenFailure(env, reason);
         return -1;
     }
     // A file opened before on the same object is closed: the field is the
@@ -415,7 +458,7 @@ JNIEXPORT jint JNICALL Java_com_norvanelab_orbapi_ORB_getORBFile(JNIEnv* env, jo
 
 JNIEXPORT void JNICALL Java_com_norvanelab_orbapi_ORB_closeORBFile(JNIEnv* env, jobject self)
 {
-    orb_log("releasing orb memory \n");
+    logLine("releasing orb memory \n");
     jfieldID fid = orbIdField(env, self, 110);
     if (!fid)
         return;
@@ -441,7 +484,7 @@ JNIEXPORT jint JNICALL Java_com_norvanelab_orbapi_ORB_setTrialIdentifiers(JNIEnv
     if (!o)
         return -1;
     auto convert = [&](jstring s) {
-        std::unique_ptr<char[]> text(GetWideStringFromJString(env, s, utf8encoding.load()));
+        std::unique_ptr<char[]> text(GetWideStringFromJString(env, s));
         if (text && text[0] == 0)
             text.reset(); // an empty identifier is no identifier
         return text;
@@ -469,10 +512,10 @@ JNIEXPORT jstring JNICALL Java_com_norvanelab_orbapi_ORB_getPreambleText(JNIEnv*
         return nullptr;
     int length = orb_get_preamble_text_length(o->handle);
     if (length < 1)
-        return GetJStringFromWideString(env, "", utf8encoding.load());
+        return GetJStringFromWideString(env, "");
     std::vector<char> buffer(size_t(length) + 1, 0);
     orb_get_preamble_text(o->handle, buffer.data(), length);
-    return GetJStringFromWideString(env, buffer.data(), utf8encoding.load());
+    return GetJStringFromWideString(env, buffer.data());
 }
 
 JNIEXPORT jint JNICALL Java_com_norvanelab_orbapi_ORB_peakItemIndex(JNIEnv* env, jobject self)
@@ -498,9 +541,9 @@ JNIEXPORT jint JNICALL Java_com_norvanelab_orbapi_ORB_getNextData0(JNIEnv* env, 
     // A message produced by a hook is delivered before the first item that
     // lies after it.  Its time (ms) is set against the item's ordering key
     // (half-milliseconds) as the front ends have always compared them.
-    ORBFile* f = fileOf(o);
-    if (f->current >= 0 && size_t(f->current) < f->items.size()) {
-        uint32_t key = uint32_t(f->items[size_t(f->current)].key());
+    uint64_t next = 0;
+    if (orb_get_element_code(o->handle, orb_get_element_index(o->handle), &next) >= 0) {
+        uint32_t key = uint32_t(next);
         if (o->pendingMessage->startTime > key)
             return orb_get_next_data(o->handle);
     }
@@ -520,7 +563,7 @@ JNIEXPORT void JNICALL Java_com_norvanelab_orbapi_ORB_getFloatData(JNIEnv* env, 
     ORBX* o = openObject(env, self);
     if (!o || !target)
         return;
-    if (isEventCode(unsigned(type))) {
+    if (ORB_IS_EVENT_CODE(type)) {
         if (type == MESSAGE && o->pendingReady && o->pendingMessage) {
             newEvent(env, target, o->pendingMessage, MESSAGE);
             o->pendingDone = 1;
@@ -531,9 +574,10 @@ JNIEXPORT void JNICALL Java_com_norvanelab_orbapi_ORB_getFloatData(JNIEnv* env, 
         if (!d)
             return;
         // The record may be of another kind when the type asked for is not
-        // the item's; only the file's own message buffer is a message then.
+        // the item's; only an event's record has a message pointer.
         FEVENT event = d->fe;
-        if (event.message != &fileOf(o)->message)
+        const int read = orb_get_element_code(o->handle, orb_get_element_index(o->handle) - 1, nullptr);
+        if (!ORB_IS_EVENT_CODE(read))
             event.message = nullptr;
         newEvent(env, target, &event, type);
     } else if (type == RECORDING) {
@@ -559,7 +603,10 @@ JNIEXPORT jint JNICALL Java_com_norvanelab_orbapi_ORB_gotoIndex(JNIEnv* env, job
                                                                jint position)
 {
     ORBX* o = openObject(env, self);
-    return o ? fileOf(o)->gotoIndex(position) : -1;
+    if (!o)
+        return -1;
+    orb_goto_index(o->handle, position); // a position out of range changes nothing
+    return orb_get_element_count(o->handle);
 }
 
 JNIEXPORT jint JNICALL Java_com_norvanelab_orbapi_ORB_gotoPreviousBookmark(JNIEnv* env,

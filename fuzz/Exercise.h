@@ -278,6 +278,41 @@ inline bool sameColumns(const ORB_COLUMNS* a, const ORB_COLUMNS* b)
     return true;
 }
 
+// Whether the sample rows of `c` carry the times and gaze values a full
+// cursor walk of `fresh` (a handle nothing has moved yet) hands out, row for
+// sample, bit for bit.  The trials are collected first, as a read into
+// columns does (their messages are decoded before the walk).
+inline bool sameSamplesAsCursor(const ORB_COLUMNS* c, _ORBFILE* fresh)
+{
+    orb_get_trial_count(fresh);
+    const char* const names[] = {"time", "gaze_x_left", "gaze_x_right", "gaze_y_left", "gaze_y_right"};
+    const unsigned char* columns[5] = {};
+    for (int i = 0; i < 5; ++i) {
+        ORB_COLUMN column{};
+        if (orb_columns_find(c, ORB_TABLE_SAMPLES, names[i], &column) != 0)
+            return false;
+        columns[i] = static_cast<const unsigned char*>(column.data);
+    }
+    const size_t rows = orb_columns_rows(c, ORB_TABLE_SAMPLES);
+    size_t row = 0;
+    for (int code; (code = orb_get_next_data(fresh)) != NO_MORE_ITEMS;) {
+        // Every item is read, as the columns' walk reads it: what the
+        // decoder learns from an event counts for the samples after it.
+        const ALLF_DATA* d = orb_get_float_data(fresh);
+        if (code != SAMPLE || !d)
+            continue;
+        if (row == rows)
+            return false;
+        const FSAMPLE& s = d->fs;
+        const void* values[5] = {&s.time, &s.gazeX[0], &s.gazeX[1], &s.gazeY[0], &s.gazeY[1]};
+        for (int i = 0; i < 5; ++i)
+            if (std::memcmp(columns[i] + row * 4, values[i], 4) != 0)
+                return false;
+        ++row;
+    }
+    return row == rows;
+}
+
 } // namespace orbfuzz
 
 #endif

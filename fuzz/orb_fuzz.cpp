@@ -52,8 +52,9 @@ void openEveryWay(const unsigned char* data, size_t size, bool all = true)
             orb_close_file(f);
             // What opens reads into columns too, samples taken either way
             // (from the scan without options, through the sample queue with
-            // them): never more rows than items, and the same values in
-            // every column both reads have.
+            // them): never more rows than items, the same values in every
+            // column both reads have, and the sample times and gaze values
+            // a cursor walk of a fresh handle hands out.
             ORB_COLUMNS* reads[2] = {};
             const int flags[2] = {0, ORB_COLUMNS_VELOCITIES | ORB_COLUMNS_CAMERA};
             for (int k = 0; k < 2; ++k) {
@@ -67,6 +68,11 @@ void openEveryWay(const unsigned char* data, size_t size, bool all = true)
             }
             if (!orbfuzz::sameColumns(reads[0], reads[1]))
                 __builtin_trap();
+            // And the samples of the read without options are the cursor's.
+            f = orb_open_memory(size ? data : nullptr, size, mode, load[0], load[1], &err);
+            if (!f || !orbfuzz::sameSamplesAsCursor(reads[0], f))
+                __builtin_trap();
+            orb_close_file(f);
             orb_free_columns(reads[0]);
             orb_free_columns(reads[1]);
         }

@@ -45,10 +45,9 @@
  * NULL; the bookmark functions and orb_get_trial_header refuse a NULL
  * pointer with -1.
  *
- * Times are milliseconds of the tracker clock.  Missing values: -32768.0 for
- * an absent position, pupil or gaze value, 100000000.0 for an absent scaled
- * value, resolution or velocity, 32768 for an absent 16-bit status, input or
- * extra-data type word, 0 for absent buttons.
+ * Times are milliseconds of the tracker clock.  An absent value holds a
+ * missing marker (ORB_MISSING_POSITION, ORB_MISSING_VALUE, ORB_MISSING_WORD
+ * below); absent buttons read 0.
  *
  * Traps: what every caller should know
  * ------------------------------------
@@ -145,6 +144,12 @@ enum {
     RECORDING = 30,     /* recording block start or end (Recording)        */
     SAMPLE = 200        /* one gaze sample (FSAMPLE)                       */
 };
+
+/* Whether `code` is that of an event or message item (1-10, 15-18, 24, 25,
+ * 28), whose record is an FEVENT: bit `code` of ORB_EVENT_CODES. */
+#define ORB_EVENT_CODES 0x130787FEu
+#define ORB_IS_EVENT_CODE(code)                                            \
+    ((unsigned)(code) <= 28u && ((ORB_EVENT_CODES >> (unsigned)(code)) & 1u))
 
 /* ------------------------------------------------------------------------ */
 /* Records                                                                  */
@@ -266,6 +271,62 @@ typedef struct BOOKMARK {
 typedef struct _ORBFILE _ORBFILE;
 
 /* ------------------------------------------------------------------------ */
+/* Markers, flag bits and the file's first line                             */
+/* ------------------------------------------------------------------------ */
+
+/* What a record holds where the recording has no value. */
+#define ORB_MISSING_POSITION (-32768.0f) /* position, pupil size or gaze  */
+#define ORB_MISSING_VALUE 100000000.0f   /* scaled value, resolution or
+                                            velocity; a camera centre     */
+#define ORB_MISSING_WORD 32768           /* FSAMPLE.status and .input;
+                                            FSAMPLE.extraType reads -32768 */
+
+/* FSAMPLE.extraType and FSAMPLE.extraData[0] of a sample that the repair
+ * (consistency 2) put where the recording lacks one; every other value of
+ * such a sample is missing. */
+#define ORB_PLACEHOLDER 32767
+
+/* Bits of FSAMPLE.flags: the value groups the sample carries and its eyes,
+ * as stored, and the half millisecond the library marks. */
+#define ORB_SAMPLE_HALF_MS    0x0002 /* time + 0.5 ms: the second sample of
+                                        its millisecond                    */
+#define ORB_SAMPLE_EXTRA_DATA 0x0010 /* extraType and extraData            */
+#define ORB_SAMPLE_BUTTONS    0x0020 /* buttons                            */
+#define ORB_SAMPLE_INPUT      0x0040 /* input                              */
+#define ORB_SAMPLE_STATUS     0x0080 /* status                             */
+#define ORB_SAMPLE_PUPIL      0x0100 /* pupilSize                          */
+#define ORB_SAMPLE_RESOLUTION 0x0200 /* resolutionX, resolutionY           */
+#define ORB_SAMPLE_GAZE       0x0400 /* gazeX, gazeY                       */
+#define ORB_SAMPLE_SECOND     0x0800 /* secondX, secondY                   */
+#define ORB_SAMPLE_RAW        0x1000 /* rawX, rawY                         */
+#define ORB_SAMPLE_RIGHT_EYE  0x4000 /* eye 1 recorded                     */
+#define ORB_SAMPLE_LEFT_EYE   0x8000 /* eye 0 recorded                     */
+
+/* Recording.eyes: the eyes of a block. */
+#define ORB_EYES_LEFT 1
+#define ORB_EYES_RIGHT 2
+#define ORB_EYES_BOTH 3
+
+/* The names of eye 0 and eye 1, as in the column names ("gaze_x_left"), for
+ * an array initialiser: static const char *const eye[2] = ORB_EYE_NAMES; */
+#define ORB_EYE_NAMES { "left", "right" }
+
+/* The first line of a recording as a writer writes it, plain and
+ * compressed.  Read are also these lines ended by "\r\n", and
+ * "NORVANE_LAB_HSPDFILE" for a plain body. */
+#define ORB_MAGIC_PLAIN "NORVANE_LAB_COMBFILE\n"
+#define ORB_MAGIC_COMPRESSED "NORVANE_LAB_HSPDFILE ZIP\n"
+
+/* The line that ends the preamble text. */
+#define ORB_PREAMBLE_END "ENDP:\n"
+
+/* A recording without items: the first line, an empty preamble and a zero
+ * tag word, which ends the items.  It holds NUL bytes: its size is
+ * sizeof ORB_EMPTY_RECORDING - 1, e.g.
+ * orb_open_memory(ORB_EMPTY_RECORDING, sizeof ORB_EMPTY_RECORDING - 1, ...). */
+#define ORB_EMPTY_RECORDING ORB_MAGIC_PLAIN ORB_PREAMBLE_END "\0\0"
+
+/* ------------------------------------------------------------------------ */
 /* Opening and closing                                                      */
 /* ------------------------------------------------------------------------ */
 
@@ -366,6 +427,23 @@ ORBAPI_EXPORT ALLF_DATA *orb_get_sample_close_to_time(_ORBFILE *ef,
  * orb_get_next_data will step onto, from the first). */
 ORBAPI_EXPORT int orb_get_element_count(_ORBFILE *ef);
 
+/* Moves to index position `index` (0 to orb_get_element_count() - 1): the
+ * next orb_get_next_data steps onto the item there (trap 6).  Like the other
+ * moves it leaves the rate accessors and the divisor alone (trap 3).
+ * Returns 0, or -1 when there is no such position (nothing changes then). */
+ORBAPI_EXPORT int orb_goto_index(_ORBFILE *ef, int index);
+
+/* The item-type code of the item at index position `index` (0 to
+ * orb_get_element_count() - 1), read from the index alone: the record
+ * buffer is left as it is.  When `key` is not NULL, writes the item's
+ * ordering key to *key: its time as the file holds it (before the shift of
+ * trap 4) in half milliseconds, that is twice the time, plus 1 for a sample
+ * at a half millisecond.  Returns the code, or -1 (leaving *key alone) when
+ * there is no such position.  The item before the current position, the
+ * one orb_get_float_data reads, is at orb_get_element_index() - 1. */
+ORBAPI_EXPORT int orb_get_element_code(_ORBFILE *ef, int index,
+                                       uint64_t *key);
+
 /* Record casts: return `d` when the 16-bit word at byte offset 4 (FEVENT.type
  * in an event) says the record is of that kind, else NULL.  That word is
  * meaningful for events only (trap 1): dispatch on the code returned by
@@ -401,6 +479,14 @@ ORBAPI_EXPORT int orb_jump_to_trial(_ORBFILE *ef, int trial);
  * moved to.  trial->rec points to the block start of the trial's block,
  * owned by the file until orb_close_file (NULL when the trial has none). */
 ORBAPI_EXPORT int orb_get_trial_header(_ORBFILE *ef, TRIAL *trial);
+
+/* The index positions the current trial spans: its first item is at
+ * *start_index and *end_index is the position past its last (the trial
+ * holds the items at start_index <= position < end_index).  Returns 0, or
+ * -1 (writing nothing) when no trial has been moved to or either pointer
+ * is NULL. */
+ORBAPI_EXPORT int orb_get_trial_span(_ORBFILE *ef, uint32_t *start_index,
+                                     uint32_t *end_index);
 
 /* Moves to the trial before / after the current one (from no current trial,
  * "next" goes to trial 0).  Returns 0, or -1 past either end (nothing
@@ -570,6 +656,37 @@ ORBAPI_EXPORT void orb_get_uncorrected_raw_cr2(_ORBFILE *ef, FSAMPLE *s,
 ORBAPI_EXPORT float *orb_get_pupil_cr(_ORBFILE *ef, FSAMPLE *s, int eye,
                                       float *xy);
 
+/* Every value of the functions above for one sample, both eyes.  Arrays of
+ * two are indexed by eye, as in the records. */
+typedef struct ORB_CAMERA {
+    int32_t pupilArea[2];   /* orb_get_uncorrected_pupil_area               */
+    int32_t crArea[2];      /* orb_get_uncorrected_cr_area                  */
+    int32_t cr2Area[2];     /* orb_get_uncorrected_cr2_area                 */
+    int32_t pupilWidth[2];  /* orb_get_pupil_dimension, dim[0]              */
+    int32_t pupilHeight[2]; /* orb_get_pupil_dimension, dim[1]              */
+    int32_t crWidth;        /* orb_get_cr_dimension, dim[0]                 */
+    int32_t crHeight;       /* orb_get_cr_dimension, dim[1]                 */
+    int32_t windowX;        /* orb_get_window_position, pos[0]              */
+    int32_t windowY;        /* orb_get_window_position, pos[1]              */
+    float rawPupilX[2];     /* orb_get_uncorrected_raw_pupil, xy[0]         */
+    float rawPupilY[2];     /* orb_get_uncorrected_raw_pupil, xy[1]         */
+    float rawCrX[2];        /* orb_get_uncorrected_raw_cr, xy[0]            */
+    float rawCrY[2];        /* orb_get_uncorrected_raw_cr, xy[1]            */
+    float rawCr2X[2];       /* orb_get_uncorrected_raw_cr2, xy[0]           */
+    float rawCr2Y[2];       /* orb_get_uncorrected_raw_cr2, xy[1]           */
+    float pupilCrX[2];      /* orb_get_pupil_cr, xy[0]                      */
+    float pupilCrY[2];      /* orb_get_pupil_cr, xy[1]                      */
+} ORB_CAMERA;
+
+/* Fills *out with the values the functions above give for the sample `s`
+ * of the file `ef`, each called on a copy of `s` taken before the first of
+ * them: unlike them, this one may be given the record buffer itself
+ * (&orb_get_float_data(ef)->fs).  Like them it builds the trial list on the
+ * first call, through the record buffer (trap 2).  None of `ef`, `s`, `out`
+ * may be NULL. */
+ORBAPI_EXPORT void orb_get_camera_values(_ORBFILE *ef, const FSAMPLE *s,
+                                         ORB_CAMERA *out);
+
 /* ------------------------------------------------------------------------ */
 /* Columnar reading: a whole recording into arrays in one call              */
 /* ------------------------------------------------------------------------ */
@@ -597,51 +714,181 @@ enum {
     ORB_COLUMN_FLOAT64 = 7, ORB_COLUMN_INT64 = 8, ORB_COLUMN_UINT64 = 9
 };
 
-/* The columns of each table, in this order.  `_left` and `_right` are the
- * [0] and [1] of an eye pair.  Bracketed groups are present only with the
- * flag named.
+/* The members of the records as data.  Each list below names the value
+ * members of one record in their order, one M(member, "name", TYPE, length,
+ * flag) each: the member of the struct, the name its column has (the stem
+ * of its columns for an array), its element type ORB_COLUMN_TYPE, its
+ * number of elements (1; 2 for an eye pair, whose [0] and [1] are the
+ * columns name_left and name_right; 8 for extraData, the columns
+ * extra_data_0 .. extra_data_7), and the flag of orb_read_columns without
+ * which its columns are left out (0: always there).  A C caller expands a
+ * list with a macro of its own, e.g. the offsets:
  *
- * ORB_TABLE_SAMPLES, the FSAMPLE members:
- *   time (UINT32); raw_x_left, raw_x_right, raw_y_left, raw_y_right,
- *   second_x_*, second_y_*, pupil_size_*, gaze_x_*, gaze_y_* (FLOAT32, each
- *   _left then _right); resolution_x, resolution_y (FLOAT32);
- *   [ORB_COLUMNS_VELOCITIES: gaze_vel_x_*, gaze_vel_y_*, second_vel_x_*,
- *   second_vel_y_*, raw_vel_x_*, raw_vel_y_*, fast_gaze_vel_x_*,
- *   fast_gaze_vel_y_*, fast_second_vel_x_*, fast_second_vel_y_*,
- *   fast_raw_vel_x_*, fast_raw_vel_y_* (FLOAT32)];
- *   extra_data_0 .. extra_data_7, flags, input, buttons (UINT16);
- *   extra_type (INT16); status (UINT16);
- *   [ORB_COLUMNS_CAMERA, the values of the raw pupil and CR accessors called
- *   on a copy of the sample, after the trial list is built:
- *   pupil_area_*, cr_area_*, cr2_area_* (INT32); pupil_width_*,
- *   pupil_height_* (INT32, orb_get_pupil_dimension); cr_width, cr_height
- *   (INT32); window_x, window_y (INT32); raw_pupil_x_*, raw_pupil_y_*,
- *   raw_cr_x_*, raw_cr_y_*, raw_cr2_x_*, raw_cr2_y_*, pupil_cr_x_*,
- *   pupil_cr_y_* (FLOAT32)];
- *   index, block, trial (INT32, see below).
+ *     #define OFFSET(m, name, type, n, flag) offsetof(FSAMPLE, m),
+ *     static const size_t offsets[] = { ORB_SAMPLE_MEMBERS(OFFSET) };
  *
- * ORB_TABLE_EVENTS, the FEVENT members of every item that is neither a
- * sample nor a RECORDING item:
- *   time (UINT32); type, contents (UINT16); start_time, end_time (UINT32);
- *   start_pos_x, start_pos_y, start_gaze_x, start_gaze_y, start_scalar,
- *   end_pos_x, end_pos_y, end_gaze_x, end_gaze_y, end_scalar, avg_pos_x,
- *   avg_pos_y, avg_gaze_x, avg_gaze_y, avg_scalar, avg_pupil, peak_pupil,
- *   start_pupil, end_pupil, start_res_x, end_res_x, start_res_y, end_res_y
- *   (FLOAT32); eye (INT16); aux0, block_flags, block_flags2, block_option,
- *   item_tag (UINT16); message_offset (UINT64) and message_length (UINT32):
- *   where a MESSAGE's text lies in orb_columns_text(), the stored length
- *   clamped to 0..498 (0 and 0 for other items);
- *   index, block, trial (INT32).
+ * or asks orb_record_members() for the same lists at run time. */
+
+/* FSAMPLE: every member. */
+#define ORB_SAMPLE_MEMBERS(M)                                               \
+    M(time, "time", UINT32, 1, 0)                                           \
+    M(rawX, "raw_x", FLOAT32, 2, 0)                                         \
+    M(rawY, "raw_y", FLOAT32, 2, 0)                                         \
+    M(secondX, "second_x", FLOAT32, 2, 0)                                   \
+    M(secondY, "second_y", FLOAT32, 2, 0)                                   \
+    M(pupilSize, "pupil_size", FLOAT32, 2, 0)                               \
+    M(gazeX, "gaze_x", FLOAT32, 2, 0)                                       \
+    M(gazeY, "gaze_y", FLOAT32, 2, 0)                                       \
+    M(resolutionX, "resolution_x", FLOAT32, 1, 0)                           \
+    M(resolutionY, "resolution_y", FLOAT32, 1, 0)                           \
+    M(gazeVelX, "gaze_vel_x", FLOAT32, 2, ORB_COLUMNS_VELOCITIES)           \
+    M(gazeVelY, "gaze_vel_y", FLOAT32, 2, ORB_COLUMNS_VELOCITIES)           \
+    M(secondVelX, "second_vel_x", FLOAT32, 2, ORB_COLUMNS_VELOCITIES)       \
+    M(secondVelY, "second_vel_y", FLOAT32, 2, ORB_COLUMNS_VELOCITIES)       \
+    M(rawVelX, "raw_vel_x", FLOAT32, 2, ORB_COLUMNS_VELOCITIES)             \
+    M(rawVelY, "raw_vel_y", FLOAT32, 2, ORB_COLUMNS_VELOCITIES)             \
+    M(fastGazeVelX, "fast_gaze_vel_x", FLOAT32, 2, ORB_COLUMNS_VELOCITIES)  \
+    M(fastGazeVelY, "fast_gaze_vel_y", FLOAT32, 2, ORB_COLUMNS_VELOCITIES)  \
+    M(fastSecondVelX, "fast_second_vel_x", FLOAT32, 2,                      \
+      ORB_COLUMNS_VELOCITIES)                                               \
+    M(fastSecondVelY, "fast_second_vel_y", FLOAT32, 2,                      \
+      ORB_COLUMNS_VELOCITIES)                                               \
+    M(fastRawVelX, "fast_raw_vel_x", FLOAT32, 2, ORB_COLUMNS_VELOCITIES)    \
+    M(fastRawVelY, "fast_raw_vel_y", FLOAT32, 2, ORB_COLUMNS_VELOCITIES)    \
+    M(extraData, "extra_data", UINT16, 8, 0)                                \
+    M(flags, "flags", UINT16, 1, 0)                                         \
+    M(input, "input", UINT16, 1, 0)                                         \
+    M(buttons, "buttons", UINT16, 1, 0)                                     \
+    M(extraType, "extra_type", INT16, 1, 0)                                 \
+    M(status, "status", UINT16, 1, 0)
+
+/* FEVENT: every member but the message pointer. */
+#define ORB_EVENT_MEMBERS(M)                                                \
+    M(time, "time", UINT32, 1, 0)                                           \
+    M(type, "type", UINT16, 1, 0)                                           \
+    M(contents, "contents", UINT16, 1, 0)                                   \
+    M(startTime, "start_time", UINT32, 1, 0)                                \
+    M(endTime, "end_time", UINT32, 1, 0)                                    \
+    M(startPosX, "start_pos_x", FLOAT32, 1, 0)                              \
+    M(startPosY, "start_pos_y", FLOAT32, 1, 0)                              \
+    M(startGazeX, "start_gaze_x", FLOAT32, 1, 0)                            \
+    M(startGazeY, "start_gaze_y", FLOAT32, 1, 0)                            \
+    M(startScalar, "start_scalar", FLOAT32, 1, 0)                           \
+    M(endPosX, "end_pos_x", FLOAT32, 1, 0)                                  \
+    M(endPosY, "end_pos_y", FLOAT32, 1, 0)                                  \
+    M(endGazeX, "end_gaze_x", FLOAT32, 1, 0)                                \
+    M(endGazeY, "end_gaze_y", FLOAT32, 1, 0)                                \
+    M(endScalar, "end_scalar", FLOAT32, 1, 0)                               \
+    M(avgPosX, "avg_pos_x", FLOAT32, 1, 0)                                  \
+    M(avgPosY, "avg_pos_y", FLOAT32, 1, 0)                                  \
+    M(avgGazeX, "avg_gaze_x", FLOAT32, 1, 0)                                \
+    M(avgGazeY, "avg_gaze_y", FLOAT32, 1, 0)                                \
+    M(avgScalar, "avg_scalar", FLOAT32, 1, 0)                               \
+    M(avgPupil, "avg_pupil", FLOAT32, 1, 0)                                 \
+    M(peakPupil, "peak_pupil", FLOAT32, 1, 0)                               \
+    M(startPupil, "start_pupil", FLOAT32, 1, 0)                             \
+    M(endPupil, "end_pupil", FLOAT32, 1, 0)                                 \
+    M(startResX, "start_res_x", FLOAT32, 1, 0)                              \
+    M(endResX, "end_res_x", FLOAT32, 1, 0)                                  \
+    M(startResY, "start_res_y", FLOAT32, 1, 0)                              \
+    M(endResY, "end_res_y", FLOAT32, 1, 0)                                  \
+    M(eye, "eye", INT16, 1, 0)                                              \
+    M(aux0, "aux0", UINT16, 1, 0)                                           \
+    M(blockFlags, "block_flags", UINT16, 1, 0)                              \
+    M(blockFlags2, "block_flags2", UINT16, 1, 0)                            \
+    M(blockOption, "block_option", UINT16, 1, 0)                            \
+    M(itemTag, "item_tag", UINT16, 1, 0)
+
+/* Recording: every member but the library's own. */
+#define ORB_RECORDING_MEMBERS(M)                                            \
+    M(time, "time", UINT32, 1, 0)                                           \
+    M(sampleRate, "sample_rate", FLOAT32, 1, 0)                             \
+    M(eventFlags, "event_flags", UINT16, 1, 0)                              \
+    M(sampleFlags, "sample_flags", UINT16, 1, 0)                            \
+    M(state, "state", UINT8, 1, 0)                                          \
+    M(recordType, "record_type", UINT8, 1, 0)                               \
+    M(filterFlag, "filter_flag", UINT8, 1, 0)                               \
+    M(modeFlag, "mode_flag", UINT8, 1, 0)                                   \
+    M(modeLevel, "mode_level", UINT8, 1, 0)                                 \
+    M(blockOption2, "block_option2", UINT8, 1, 0)                           \
+    M(eyes, "eyes", UINT8, 1, 0)
+
+/* ORB_CAMERA: every member. */
+#define ORB_CAMERA_MEMBERS(M)                                               \
+    M(pupilArea, "pupil_area", INT32, 2, ORB_COLUMNS_CAMERA)                \
+    M(crArea, "cr_area", INT32, 2, ORB_COLUMNS_CAMERA)                      \
+    M(cr2Area, "cr2_area", INT32, 2, ORB_COLUMNS_CAMERA)                    \
+    M(pupilWidth, "pupil_width", INT32, 2, ORB_COLUMNS_CAMERA)              \
+    M(pupilHeight, "pupil_height", INT32, 2, ORB_COLUMNS_CAMERA)            \
+    M(crWidth, "cr_width", INT32, 1, ORB_COLUMNS_CAMERA)                    \
+    M(crHeight, "cr_height", INT32, 1, ORB_COLUMNS_CAMERA)                  \
+    M(windowX, "window_x", INT32, 1, ORB_COLUMNS_CAMERA)                    \
+    M(windowY, "window_y", INT32, 1, ORB_COLUMNS_CAMERA)                    \
+    M(rawPupilX, "raw_pupil_x", FLOAT32, 2, ORB_COLUMNS_CAMERA)             \
+    M(rawPupilY, "raw_pupil_y", FLOAT32, 2, ORB_COLUMNS_CAMERA)             \
+    M(rawCrX, "raw_cr_x", FLOAT32, 2, ORB_COLUMNS_CAMERA)                   \
+    M(rawCrY, "raw_cr_y", FLOAT32, 2, ORB_COLUMNS_CAMERA)                   \
+    M(rawCr2X, "raw_cr2_x", FLOAT32, 2, ORB_COLUMNS_CAMERA)                 \
+    M(rawCr2Y, "raw_cr2_y", FLOAT32, 2, ORB_COLUMNS_CAMERA)                 \
+    M(pupilCrX, "pupil_cr_x", FLOAT32, 2, ORB_COLUMNS_CAMERA)               \
+    M(pupilCrY, "pupil_cr_y", FLOAT32, 2, ORB_COLUMNS_CAMERA)
+
+/* The records orb_record_members describes. */
+enum {
+    ORB_RECORD_SAMPLE = 0,    /* FSAMPLE, ORB_SAMPLE_MEMBERS                 */
+    ORB_RECORD_EVENT = 1,     /* FEVENT, ORB_EVENT_MEMBERS                   */
+    ORB_RECORD_RECORDING = 2, /* Recording, ORB_RECORDING_MEMBERS            */
+    ORB_RECORD_CAMERA = 3     /* ORB_CAMERA, ORB_CAMERA_MEMBERS              */
+};
+
+/* One value of a record, from the lists above: a member, or one element
+ * of an array member (then a column of its own). */
+typedef struct ORB_MEMBER {
+    const char *name;       /* its column's name: "time", "gaze_x_left",
+                               "extra_data_3"                                */
+    const char *stem;       /* the member's name in the list: "time",
+                               "gaze_x", "extra_data"                        */
+    uint32_t offset;        /* byte offset of the value in the record        */
+    int type;               /* ORB_COLUMN_* of the value                     */
+    int element;            /* its index in the member (the eye of a pair),
+                               0 for a member of one value                   */
+    int length;             /* elements of the member: 1, 2 (an eye pair)
+                               or 8                                          */
+    int flag;               /* ORB_COLUMNS_* its column needs; 0 for none    */
+} ORB_MEMBER;
+
+/* The values of `record` (ORB_RECORD_*) in their order, an array member's
+ * elements one after another: writes their number to *count and returns
+ * the first.  The table is static: valid for ever, the same on every call,
+ * any thread.  An unknown record gives NULL and 0.  `count` must not be
+ * NULL. */
+ORBAPI_EXPORT const ORB_MEMBER *orb_record_members(int record, int *count);
+
+/* The columns of each table, in this order.  A member of an eye pair gives
+ * the columns name_left and name_right, extraData extra_data_0 ..
+ * extra_data_7.
  *
- * ORB_TABLE_BLOCKS, the public Recording members of every RECORDING item:
- *   time (UINT32); sample_rate (FLOAT32); event_flags, sample_flags
- *   (UINT16); state, record_type, filter_flag, mode_flag, mode_level,
- *   block_option2, eyes (UINT8); index, block (INT32).
+ * ORB_TABLE_SAMPLES: those of ORB_SAMPLE_MEMBERS (the velocities only with
+ *   ORB_COLUMNS_VELOCITIES); with ORB_COLUMNS_CAMERA those of
+ *   ORB_CAMERA_MEMBERS, the values of orb_get_camera_values for the
+ *   sample, after the trial list is built; index, block, trial (INT32, see
+ *   below).
+ *
+ * ORB_TABLE_EVENTS, every item that is neither a sample nor a RECORDING
+ *   item: those of ORB_EVENT_MEMBERS; message_offset (UINT64) and
+ *   message_length (UINT32): where a MESSAGE's text lies in
+ *   orb_columns_text(), the stored length clamped to 0..498 (0 and 0 for
+ *   other items); index, block, trial (INT32).
+ *
+ * ORB_TABLE_BLOCKS, every RECORDING item: those of ORB_RECORDING_MEMBERS;
+ *   index, block (INT32).
  *
  * ORB_TABLE_TRIALS, the TRIAL members of every trial:
  *   block (INT32, the block of TRIAL.rec, -1 when none); duration (UINT32,
  *   TRIAL.trialWord); start_time, end_time (UINT32); start_index,
  *   end_index (UINT32, the index positions the trial spans).
+ *
+ * orb_columns_layout() lists the columns of a table without a read.
  *
  * index: the row's position in the time-ordered index (as
  * orb_get_element_index before the step onto it).  block: the 0-based
@@ -737,6 +984,13 @@ ORBAPI_EXPORT size_t orb_columns_items(const ORB_COLUMNS *c);
  * orb_columns_rows() times this many bytes.  Any thread may call it. */
 ORBAPI_EXPORT size_t orb_column_type_size(int type);
 
+/* Writes column `i` of `table` as orb_read_columns lays it out for `flags`
+ * to *out (its data NULL), without reading anything: the names and types
+ * an empty table of that read has.  Returns 0, or -1 (leaving *out alone)
+ * when there is no such column.  The names are static.  Any thread. */
+ORBAPI_EXPORT int orb_columns_layout(int table, int flags, int i,
+                                     ORB_COLUMN *out);
+
 #ifdef __cplusplus
 } /* extern "C" */
 
@@ -799,5 +1053,8 @@ ORBAPI_STATIC_ASSERT(sizeof(ALLF_DATA) == 192, "ALLF_DATA size");
 ORBAPI_STATIC_ASSERT(offsetof(TRIAL, trialWord) == sizeof(void *), "TRIAL layout");
 ORBAPI_STATIC_ASSERT(offsetof(TRIAL, endTime) == sizeof(void *) + 8, "TRIAL layout");
 ORBAPI_STATIC_ASSERT(sizeof(BOOKMARK) == 4, "BOOKMARK size");
+ORBAPI_STATIC_ASSERT(offsetof(ORB_CAMERA, crWidth) == 40, "ORB_CAMERA layout");
+ORBAPI_STATIC_ASSERT(offsetof(ORB_CAMERA, rawPupilX) == 56, "ORB_CAMERA layout");
+ORBAPI_STATIC_ASSERT(sizeof(ORB_CAMERA) == 120, "ORB_CAMERA size");
 
 #endif /* ORBAPI_H */

@@ -24,7 +24,6 @@
 #include <utility>
 #include <vector>
 
-#include "ItemFormat.h"
 #include "orbapi.h"
 
 namespace nb = nanobind;
@@ -148,23 +147,36 @@ nb::str messageText(const char* bytes, size_t length)
 // Columns
 // ---------------------------------------------------------------------------
 
-constexpr float kMissingPosition = -32768.0f;
-constexpr float kMissingScaled = 100000000.0f;
+// The element types of the columns: numpy's view of each, and its name.
+struct ElementType {
+    int type;
+    nb::dlpack::dtype dtype;
+    const char* name;
+};
 
-nb::dlpack::dtype dtypeOf(int type)
+const ElementType& elementType(int type)
 {
-    switch (type) {
-    case ORB_COLUMN_UINT8: return nb::dtype<uint8_t>();
-    case ORB_COLUMN_INT16: return nb::dtype<int16_t>();
-    case ORB_COLUMN_UINT16: return nb::dtype<uint16_t>();
-    case ORB_COLUMN_INT32: return nb::dtype<int32_t>();
-    case ORB_COLUMN_UINT32: return nb::dtype<uint32_t>();
-    case ORB_COLUMN_FLOAT32: return nb::dtype<float>();
-    case ORB_COLUMN_FLOAT64: return nb::dtype<double>();
-    case ORB_COLUMN_INT64: return nb::dtype<int64_t>();
-    case ORB_COLUMN_UINT64: return nb::dtype<uint64_t>();
-    }
+    static const ElementType types[] = {
+        {ORB_COLUMN_UINT8, nb::dtype<uint8_t>(), "uint8"},
+        {ORB_COLUMN_INT16, nb::dtype<int16_t>(), "int16"},
+        {ORB_COLUMN_UINT16, nb::dtype<uint16_t>(), "uint16"},
+        {ORB_COLUMN_INT32, nb::dtype<int32_t>(), "int32"},
+        {ORB_COLUMN_UINT32, nb::dtype<uint32_t>(), "uint32"},
+        {ORB_COLUMN_FLOAT32, nb::dtype<float>(), "float32"},
+        {ORB_COLUMN_FLOAT64, nb::dtype<double>(), "float64"},
+        {ORB_COLUMN_INT64, nb::dtype<int64_t>(), "int64"},
+        {ORB_COLUMN_UINT64, nb::dtype<uint64_t>(), "uint64"},
+    };
+    for (const ElementType& t : types)
+        if (t.type == type)
+            return t;
     throw std::runtime_error("unknown column type " + std::to_string(type));
+}
+
+// A sample's time in milliseconds, with its half millisecond.
+double sampleMilliseconds(uint32_t time, uint16_t flags)
+{
+    return double(time) + ((flags & ORB_SAMPLE_HALF_MS) ? 0.5 : 0.0);
 }
 
 // A read recording.  The arrays handed out point into the columns and keep
@@ -193,7 +205,7 @@ public:
                     float* v = const_cast<float*>(static_cast<const float*>(col.data));
                     const float nan = std::nanf("");
                     for (size_t r = 0; r < n; ++r)
-                        v[r] = (v[r] == kMissingPosition || v[r] == kMissingScaled) ? nan : v[r];
+                        v[r] = (v[r] == ORB_MISSING_POSITION || v[r] == ORB_MISSING_VALUE) ? nan : v[r];
                 }
             }
         }
@@ -205,7 +217,7 @@ public:
             const uint32_t* t = static_cast<const uint32_t*>(time.data);
             const uint16_t* f = static_cast<const uint16_t*>(flags.data);
             for (size_t r = 0; r < n; ++r)
-                sampleTime_[r] = double(t[r]) + ((f[r] & kHalfMillisecond) ? 0.5 : 0.0);
+                sampleTime_[r] = sampleMilliseconds(t[r], f[r]);
         }
     }
 
@@ -279,7 +291,7 @@ private:
             n = 0;
         }
         size_t shape[1] = {n};
-        nb::ndarray<nb::numpy> a(const_cast<void*>(data), 1, shape, owner, nullptr, dtypeOf(type));
+        nb::ndarray<nb::numpy> a(const_cast<void*>(data), 1, shape, owner, nullptr, elementType(type).dtype);
         return a.cast();
     }
 
@@ -333,88 +345,6 @@ std::unique_ptr<Columns> readColumns(std::optional<nb::bytes> path, nb::object d
 // Cursor
 // ---------------------------------------------------------------------------
 
-// Record members by name, in the columns' order.
-struct Field {
-    const char* name;
-    size_t offset;
-    char kind; // 'f' float, 'I' uint32, 'H' uint16, 'h' int16, 'B' uint8
-};
-
-#define ORB_PAIR(member, name) \
-    Field{name "_left", offsetof(FSAMPLE, member), 'f'}, \
-    Field{name "_right", offsetof(FSAMPLE, member) + sizeof(float), 'f'}
-
-const std::vector<Field>& sampleFields()
-{
-    static const std::vector<Field> fields = {
-        ORB_PAIR(rawX, "raw_x"), ORB_PAIR(rawY, "raw_y"), ORB_PAIR(secondX, "second_x"),
-        ORB_PAIR(secondY, "second_y"), ORB_PAIR(pupilSize, "pupil_size"), ORB_PAIR(gazeX, "gaze_x"),
-        ORB_PAIR(gazeY, "gaze_y"),
-        {"resolution_x", offsetof(FSAMPLE, resolutionX), 'f'},
-        {"resolution_y", offsetof(FSAMPLE, resolutionY), 'f'},
-        ORB_PAIR(gazeVelX, "gaze_vel_x"), ORB_PAIR(gazeVelY, "gaze_vel_y"),
-        ORB_PAIR(secondVelX, "second_vel_x"), ORB_PAIR(secondVelY, "second_vel_y"),
-        ORB_PAIR(rawVelX, "raw_vel_x"), ORB_PAIR(rawVelY, "raw_vel_y"),
-        ORB_PAIR(fastGazeVelX, "fast_gaze_vel_x"), ORB_PAIR(fastGazeVelY, "fast_gaze_vel_y"),
-        ORB_PAIR(fastSecondVelX, "fast_second_vel_x"), ORB_PAIR(fastSecondVelY, "fast_second_vel_y"),
-        ORB_PAIR(fastRawVelX, "fast_raw_vel_x"), ORB_PAIR(fastRawVelY, "fast_raw_vel_y"),
-        {"extra_data_0", offsetof(FSAMPLE, extraData) + 0, 'H'},
-        {"extra_data_1", offsetof(FSAMPLE, extraData) + 2, 'H'},
-        {"extra_data_2", offsetof(FSAMPLE, extraData) + 4, 'H'},
-        {"extra_data_3", offsetof(FSAMPLE, extraData) + 6, 'H'},
-        {"extra_data_4", offsetof(FSAMPLE, extraData) + 8, 'H'},
-        {"extra_data_5", offsetof(FSAMPLE, extraData) + 10, 'H'},
-        {"extra_data_6", offsetof(FSAMPLE, extraData) + 12, 'H'},
-        {"extra_data_7", offsetof(FSAMPLE, extraData) + 14, 'H'},
-        {"flags", offsetof(FSAMPLE, flags), 'H'},
-        {"input", offsetof(FSAMPLE, input), 'H'},
-        {"buttons", offsetof(FSAMPLE, buttons), 'H'},
-        {"extra_type", offsetof(FSAMPLE, extraType), 'h'},
-        {"status", offsetof(FSAMPLE, status), 'H'},
-    };
-    return fields;
-}
-#undef ORB_PAIR
-
-#define ORB_EF(member, name, kind) Field{name, offsetof(FEVENT, member), kind}
-const std::vector<Field>& eventFields()
-{
-    static const std::vector<Field> fields = {
-        ORB_EF(type, "type", 'H'), ORB_EF(contents, "contents", 'H'),
-        ORB_EF(startTime, "start_time", 'I'), ORB_EF(endTime, "end_time", 'I'),
-        ORB_EF(startPosX, "start_pos_x", 'f'), ORB_EF(startPosY, "start_pos_y", 'f'),
-        ORB_EF(startGazeX, "start_gaze_x", 'f'), ORB_EF(startGazeY, "start_gaze_y", 'f'),
-        ORB_EF(startScalar, "start_scalar", 'f'), ORB_EF(endPosX, "end_pos_x", 'f'),
-        ORB_EF(endPosY, "end_pos_y", 'f'), ORB_EF(endGazeX, "end_gaze_x", 'f'),
-        ORB_EF(endGazeY, "end_gaze_y", 'f'), ORB_EF(endScalar, "end_scalar", 'f'),
-        ORB_EF(avgPosX, "avg_pos_x", 'f'), ORB_EF(avgPosY, "avg_pos_y", 'f'),
-        ORB_EF(avgGazeX, "avg_gaze_x", 'f'), ORB_EF(avgGazeY, "avg_gaze_y", 'f'),
-        ORB_EF(avgScalar, "avg_scalar", 'f'), ORB_EF(avgPupil, "avg_pupil", 'f'),
-        ORB_EF(peakPupil, "peak_pupil", 'f'), ORB_EF(startPupil, "start_pupil", 'f'),
-        ORB_EF(endPupil, "end_pupil", 'f'), ORB_EF(startResX, "start_res_x", 'f'),
-        ORB_EF(endResX, "end_res_x", 'f'), ORB_EF(startResY, "start_res_y", 'f'),
-        ORB_EF(endResY, "end_res_y", 'f'), ORB_EF(eye, "eye", 'h'), ORB_EF(aux0, "aux0", 'H'),
-        ORB_EF(blockFlags, "block_flags", 'H'), ORB_EF(blockFlags2, "block_flags2", 'H'),
-        ORB_EF(blockOption, "block_option", 'H'), ORB_EF(itemTag, "item_tag", 'H'),
-    };
-    return fields;
-}
-#undef ORB_EF
-
-#define ORB_RF(member, name, kind) Field{name, offsetof(Recording, member), kind}
-const std::vector<Field>& blockFields()
-{
-    static const std::vector<Field> fields = {
-        ORB_RF(sampleRate, "sample_rate", 'f'), ORB_RF(eventFlags, "event_flags", 'H'),
-        ORB_RF(sampleFlags, "sample_flags", 'H'), ORB_RF(state, "state", 'B'),
-        ORB_RF(recordType, "record_type", 'B'), ORB_RF(filterFlag, "filter_flag", 'B'),
-        ORB_RF(modeFlag, "mode_flag", 'B'), ORB_RF(modeLevel, "mode_level", 'B'),
-        ORB_RF(blockOption2, "block_option2", 'B'), ORB_RF(eyes, "eyes", 'B'),
-    };
-    return fields;
-}
-#undef ORB_RF
-
 template <class T>
 T load(const void* base, size_t offset)
 {
@@ -423,25 +353,25 @@ T load(const void* base, size_t offset)
     return v;
 }
 
-void putFields(nb::dict& d, const void* rec, const std::vector<Field>& fields)
+// Every value of `record` (ORB_RECORD_*) in the record at `rec`, by its
+// column's name.
+void putMembers(nb::dict& d, const void* rec, int record)
 {
-    for (const Field& f : fields) {
-        switch (f.kind) {
-        case 'f': d[f.name] = double(load<float>(rec, f.offset)); break;
-        case 'I': d[f.name] = load<uint32_t>(rec, f.offset); break;
-        case 'H': d[f.name] = load<uint16_t>(rec, f.offset); break;
-        case 'h': d[f.name] = load<int16_t>(rec, f.offset); break;
-        default: d[f.name] = load<uint8_t>(rec, f.offset); break;
+    int n = 0;
+    const ORB_MEMBER* m = orb_record_members(record, &n);
+    for (int i = 0; i < n; ++i) {
+        const char* name = m[i].name;
+        const size_t at = m[i].offset;
+        switch (m[i].type) {
+        case ORB_COLUMN_FLOAT32: d[name] = double(load<float>(rec, at)); break;
+        case ORB_COLUMN_UINT32: d[name] = load<uint32_t>(rec, at); break;
+        case ORB_COLUMN_INT32: d[name] = load<int32_t>(rec, at); break;
+        case ORB_COLUMN_UINT16: d[name] = load<uint16_t>(rec, at); break;
+        case ORB_COLUMN_INT16: d[name] = load<int16_t>(rec, at); break;
+        case ORB_COLUMN_UINT8: d[name] = load<uint8_t>(rec, at); break;
+        default: throw std::runtime_error(std::string("no conversion for member ") + name);
         }
     }
-}
-
-nb::dict sampleDict(const FSAMPLE& s)
-{
-    nb::dict d;
-    d["time"] = double(s.time) + ((s.flags & kHalfMillisecond) ? 0.5 : 0.0);
-    putFields(d, &s, sampleFields());
-    return d;
 }
 
 class Cursor {
@@ -530,39 +460,10 @@ public:
             if (code_ != SAMPLE) return nb::none();
             ALLF_DATA* d = orb_get_sample_data(f);
             if (!d) return nb::none();
-            FSAMPLE s = d->fs;
+            ORB_CAMERA values;
+            orb_get_camera_values(f, &d->fs, &values);
             nb::dict out;
-            const char* side[2] = {"_left", "_right"};
-            auto put = [&](const std::string& name, nb::object v) { out[name.c_str()] = v; };
-            for (int e = 0; e < 2; ++e) put(std::string("pupil_area") + side[e], nb::int_(orb_get_uncorrected_pupil_area(f, &s, e)));
-            for (int e = 0; e < 2; ++e) put(std::string("cr_area") + side[e], nb::int_(orb_get_uncorrected_cr_area(f, &s, e)));
-            for (int e = 0; e < 2; ++e) put(std::string("cr2_area") + side[e], nb::int_(orb_get_uncorrected_cr2_area(f, &s, e)));
-            int dim[2] = {0, 0};
-            for (int e = 0; e < 2; ++e) {
-                orb_get_pupil_dimension(f, &s, e, dim);
-                put(std::string("pupil_width") + side[e], nb::int_(dim[0]));
-                put(std::string("pupil_height") + side[e], nb::int_(dim[1]));
-            }
-            orb_get_cr_dimension(f, &s, dim);
-            put("cr_width", nb::int_(dim[0]));
-            put("cr_height", nb::int_(dim[1]));
-            orb_get_window_position(f, &s, dim);
-            put("window_x", nb::int_(dim[0]));
-            put("window_y", nb::int_(dim[1]));
-            using Getter = void (*)(_ORBFILE*, FSAMPLE*, int, float*);
-            const std::pair<const char*, Getter> centres[] = {
-                {"raw_pupil", orb_get_uncorrected_raw_pupil},
-                {"raw_cr", orb_get_uncorrected_raw_cr},
-                {"raw_cr2", orb_get_uncorrected_raw_cr2},
-                {"pupil_cr", [](_ORBFILE* h, FSAMPLE* p, int e, float* xy) { orb_get_pupil_cr(h, p, e, xy); }},
-            };
-            for (const auto& c : centres) {
-                float xy[2][2];
-                for (int e = 0; e < 2; ++e) c.second(f, &s, e, xy[e]);
-                for (int axis = 0; axis < 2; ++axis)
-                    for (int e = 0; e < 2; ++e)
-                        put(std::string(c.first) + (axis ? "_y" : "_x") + side[e], nb::float_(double(xy[e][axis])));
-            }
+            putMembers(out, &values, ORB_RECORD_CAMERA);
             return out;
         });
     }
@@ -615,16 +516,16 @@ private:
     {
         nb::dict out;
         if (code == SAMPLE) {
-            out = sampleDict(d->fs);
+            putMembers(out, &d->fs, ORB_RECORD_SAMPLE);
+            out["time"] = sampleMilliseconds(d->fs.time, d->fs.flags);
         } else if (code == RECORDING) {
-            out["time"] = d->rec.time;
-            putFields(out, &d->rec, blockFields());
+            putMembers(out, &d->rec, ORB_RECORD_RECORDING);
         } else {
-            out["time"] = d->fe.time;
-            putFields(out, &d->fe, eventFields());
+            putMembers(out, &d->fe, ORB_RECORD_EVENT);
             if (code == MESSAGE && d->fe.message) {
+                const int most = int(sizeof d->fe.message->text);
                 int n = d->fe.message->length;
-                n = n < 0 ? 0 : n > 498 ? 498 : n;
+                n = n < 0 ? 0 : n > most ? most : n;
                 out["text"] = messageText(d->fe.message->text, size_t(n));
             }
         }
@@ -637,6 +538,54 @@ private:
     std::optional<std::string> trialEnd_;
     int code_ = NO_MORE_ITEMS;
 };
+
+// The facts of the public header the Python modules use, so that they are
+// written there only.
+void exportFacts(nb::module_& m)
+{
+    // Item-type codes, under the header's names.
+#define ORB_CODE(name) m.attr(#name) = int(name);
+    ORB_CODE(NO_MORE_ITEMS) ORB_CODE(SSPAN) ORB_CODE(ESPAN) ORB_CODE(SBLINK) ORB_CODE(EBLINK)
+    ORB_CODE(SSACC) ORB_CODE(ESACC) ORB_CODE(SFIX) ORB_CODE(EFIX) ORB_CODE(POINT9) ORB_CODE(POINT10)
+    ORB_CODE(SSAMPLES) ORB_CODE(ESAMPLES) ORB_CODE(SEVENTS) ORB_CODE(EEVENTS) ORB_CODE(MESSAGE)
+    ORB_CODE(POINT25) ORB_CODE(POINT28) ORB_CODE(RECORDING) ORB_CODE(SAMPLE)
+#undef ORB_CODE
+
+    m.attr("MISSING_POSITION") = double(ORB_MISSING_POSITION);
+    m.attr("MISSING_VALUE") = double(ORB_MISSING_VALUE);
+    m.attr("MISSING_WORD") = int(ORB_MISSING_WORD);
+    m.attr("PLACEHOLDER") = int(ORB_PLACEHOLDER);
+    m.attr("SAMPLE_HALF_MS") = int(ORB_SAMPLE_HALF_MS);
+    m.attr("SAMPLE_LEFT_EYE") = int(ORB_SAMPLE_LEFT_EYE);
+    m.attr("SAMPLE_RIGHT_EYE") = int(ORB_SAMPLE_RIGHT_EYE);
+
+    static const char* const eyes[2] = ORB_EYE_NAMES;
+    m.attr("EYE_NAMES") = nb::make_tuple(eyes[0], eyes[1]);
+    nb::dict blockEyes;
+    blockEyes[nb::int_(ORB_EYES_LEFT)] = eyes[0];
+    blockEyes[nb::int_(ORB_EYES_RIGHT)] = eyes[1];
+    blockEyes[nb::int_(ORB_EYES_BOTH)] = "both";
+    m.attr("BLOCK_EYES") = blockEyes;
+
+    const std::string plain = ORB_MAGIC_PLAIN, compressed = ORB_MAGIC_COMPRESSED, end = ORB_PREAMBLE_END;
+    m.attr("MAGIC_PLAIN") = nb::bytes(plain.data(), plain.size());
+    m.attr("MAGIC_COMPRESSED") = nb::bytes(compressed.data(), compressed.size());
+    m.attr("PREAMBLE_END") = nb::bytes(end.data(), end.size());
+    m.attr("EMPTY_RECORDING") = nb::bytes(ORB_EMPTY_RECORDING, sizeof ORB_EMPTY_RECORDING - 1);
+
+    // The names and numpy types of a table's columns for the flags of a
+    // read, in the library's order.
+    m.def(
+        "column_layout",
+        [](int table, int flags) {
+            std::vector<std::pair<std::string, std::string>> out;
+            ORB_COLUMN col;
+            for (int i = 0; orb_columns_layout(table, flags, i, &col) == 0; ++i)
+                out.emplace_back(col.name, elementType(col.type).name);
+            return out;
+        },
+        "table"_a, "flags"_a = 0);
+}
 
 } // namespace
 
@@ -675,6 +624,7 @@ NB_MODULE(_core, m)
     m.attr("TRIALS") = int(ORB_TABLE_TRIALS);
     m.attr("VELOCITIES") = int(ORB_COLUMNS_VELOCITIES);
     m.attr("CAMERA") = int(ORB_COLUMNS_CAMERA);
+    exportFacts(m);
     m.def("version", []() { return std::string(orb_get_version()); });
     m.def("library_version", []() { return std::string(orb_library_version()); });
 

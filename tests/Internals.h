@@ -1,5 +1,5 @@
 // Helpers for the tests that work on the library's own classes: opening a
-// recording as an ORBFile and looking into its item index.
+// recording as an ORBFile or a decoder and looking into its item index.
 #ifndef ORBAPI_TESTS_INTERNALS_H
 #define ORBAPI_TESTS_INTERNALS_H
 
@@ -33,17 +33,22 @@ std::string thrown(F f)
     return "(no exception)";
 }
 
-// A file with w's preamble whose stream stands on w's first item.  It is
-// opened over an empty item stream, so the decoder state is the fresh one.
-inline std::unique_ptr<ORBFile> openAtItems(const OrbWriter& w)
+// A decoder that has read w's magic line and preamble and whose stream
+// stands on w's first item, its decoding state the fresh one.
+inline std::unique_ptr<ItemDecoder> openAtItems(const OrbWriter& w)
 {
     OrbWriter head;
     head.magic = w.magic;
     head.preamble = w.preamble;
-    auto f = openOrb(head);
-    f->stream = std::make_unique<FileInputStream>(w.write().c_str());
-    f->stream->seek(long(w.headerSize()));
-    return f;
+    auto d = std::make_unique<ItemDecoder>();
+    d->open(std::make_unique<FileInputStream>(head.write().c_str()));
+    char line[278] = {};
+    d->stream->getTerminatedString(line, 35);
+    for (int i = 0; i < 100 && d->get_combfile_preamble_text(line, 200) == 0; ++i) {
+    }
+    d->continueWith(std::make_unique<FileInputStream>(w.write().c_str()));
+    d->stream->seek(long(w.headerSize()));
+    return d;
 }
 
 // Cuts `item` short at every byte inside it.  `fields` names its readers in
@@ -81,8 +86,8 @@ void expectEveryCutToFail(const Bytes& item, const std::string& fields, Read rea
 // Index of the nth entry with this code (and eye index unless -1), or -1.
 inline int indexOf(const ORBFile& f, unsigned code, int nth = 0, int eye = -1)
 {
-    for (size_t i = 0; i < f.items.size(); ++i) {
-        const ORBItem& item = f.items[i];
+    for (size_t i = 0; i < f.index.items.size(); ++i) {
+        const ORBItem& item = f.index.items[i];
         if (item.code() == code && (eye < 0 || (item.type & kEyeMarkerMask) == eyeMarker(eye)) &&
             nth-- == 0)
             return int(i);
@@ -92,12 +97,12 @@ inline int indexOf(const ORBFile& f, unsigned code, int nth = 0, int eye = -1)
 // The same entry itself (a test failure when there is none).
 inline const ORBItem& itemOf(const ORBFile& f, unsigned code, int nth = 0, int eye = -1)
 {
-    return f.items.at(size_t(indexOf(f, code, nth, eye)));
+    return f.index.items.at(size_t(indexOf(f, code, nth, eye)));
 }
 inline std::vector<uint64_t> keysOf(const ORBFile& f, unsigned code)
 {
     std::vector<uint64_t> keys;
-    for (const ORBItem& i : f.items)
+    for (const ORBItem& i : f.index.items)
         if (i.code() == code) keys.push_back(i.key());
     return keys;
 }

@@ -59,8 +59,8 @@ TEST(Access, StepsThroughTheIndexAndTracksTheBlock)
     ASSERT_EQ(f->stepNext(), RECORDING);
     ALLF_DATA* d = f->getFloatData();
     ASSERT_NE(d, nullptr);
-    EXPECT_EQ(f->currentRecording, f->items[0].rec);
-    EXPECT_EQ(std::memcmp(&d->rec, f->items[0].rec, sizeof(Recording)), 0);
+    EXPECT_EQ(f->currentRecording, f->index.items[0].rec);
+    EXPECT_EQ(std::memcmp(&d->rec, f->index.items[0].rec, sizeof(Recording)), 0);
 
     int samples = 0;
     while (int code = f->stepNext()) {
@@ -88,13 +88,13 @@ TEST(Access, FailedReadsAndSamplesOutsideABlock)
     auto f = openOrb(w);
     LogCapture log;
     const int m = indexOf(*f, MESSAGE);
-    f->items[size_t(m)].position = 1 << 30; // beyond the end
+    f->index.items[size_t(m)].position = 1 << 30; // beyond the end
     f->gotoIndex(m);
     f->stepNext();
     EXPECT_EQ(f->getFloatData(), nullptr);
     EXPECT_EQ(log.lines().back(), "Error End of file Exception \n");
 
-    f->items[size_t(m)].type = 12; // no item class
+    f->index.items[size_t(m)].type = 12; // no item class
     EXPECT_EQ(f->getFloatData(), nullptr);
     EXPECT_EQ(log.lines().back(), "Read error \n");
 
@@ -114,8 +114,8 @@ TEST(Access, SamplesInsideBlinksLoseTheirPositions)
     addBlock(w, 1000, 12, 500.0);
     auto f = openOrb(w);
     const int left = indexOf(*f, SAMPLE, 5), both = indexOf(*f, SAMPLE, 6);
-    f->items[size_t(left)].type |= kFlagEye0;
-    f->items[size_t(both)].type |= kFlagEye0 | kFlagEye1;
+    f->index.items[size_t(left)].type |= kFlagEye0;
+    f->index.items[size_t(both)].type |= kFlagEye0 | kFlagEye1;
 
     // Every position of the eye missing, its pupil 0.
     auto blanked = [](const FSAMPLE& s, int e) {
@@ -195,7 +195,7 @@ TEST(Positioning, GotoIndexOnlyWithinTheIndex)
     OrbWriter w;
     addBlock(w, 1000, 10, 500.0);
     auto f = openOrb(w);
-    const int n = int(f->items.size());
+    const int n = int(f->index.items.size());
     EXPECT_EQ(f->gotoIndex(4), n);
     EXPECT_EQ(f->current, 4);
     for (int bad : {-1, n, n + 7}) {
@@ -203,7 +203,7 @@ TEST(Positioning, GotoIndexOnlyWithinTheIndex)
         EXPECT_EQ(f->current, 4);
     }
     EXPECT_EQ(f->gotoIndex(n - 1), n);
-    EXPECT_EQ(f->stepNext(), int(f->items[size_t(n - 1)].code()));
+    EXPECT_EQ(f->stepNext(), int(f->index.items[size_t(n - 1)].code()));
 }
 
 TEST(Positioning, SampleCloseToTime)
@@ -218,7 +218,7 @@ TEST(Positioning, SampleCloseToTime)
     }
     auto f = openOrb(w);
     LogCapture log; // the samples lie outside any block
-    ASSERT_EQ(f->items[0].code(), unsigned(SAMPLE));
+    ASSERT_EQ(f->index.items[0].code(), unsigned(SAMPLE));
     // Before the first step: the buffer comes back unread, and still no
     // step taken.
     ALLF_DATA* d = f->getSampleCloseToTime(2 * 504);
@@ -259,14 +259,14 @@ TEST(Walk, RecordsDoNotDependOnWhereTheCursorWasBefore)
     auto f = openOrb(w);
     LogCapture log;
     const std::vector<ALLF_DATA> straight = walk(*f);
-    ASSERT_EQ(straight.size(), f->items.size());
+    ASSERT_EQ(straight.size(), f->index.items.size());
     const int secondBlock = indexOf(*f, RECORDING, 2);
-    ASSERT_EQ(f->items[size_t(secondBlock)].rec->state, 1);
+    ASSERT_EQ(f->index.items[size_t(secondBlock)].rec->state, 1);
 
     // Jump around: back and forth, into both blocks, reading a few items,
     // sometimes from within a block and sometimes from outside.
     std::mt19937 rng(7);
-    const int n = int(f->items.size());
+    const int n = int(f->index.items.size());
     for (int jump = 0; jump < 80; ++jump) {
         const int to = int(rng() % unsigned(n));
         if (jump % 3 == 0) {
@@ -279,7 +279,7 @@ TEST(Walk, RecordsDoNotDependOnWhereTheCursorWasBefore)
             ALLF_DATA* d = f->getFloatData();
             ASSERT_NE(d, nullptr);
             const ALLF_DATA& expected = straight[size_t(at)];
-            if (f->items[size_t(at)].code() != SAMPLE) {
+            if (f->index.items[size_t(at)].code() != SAMPLE) {
                 EXPECT_EQ(std::memcmp(d, &expected, sizeof(ALLF_DATA)), 0) << at;
             } else { // all but the velocities, which depend on the neighbours read so far
                 EXPECT_EQ(std::memcmp(d, &expected, offsetof(FSAMPLE, gazeVelX)), 0) << at;

@@ -343,7 +343,7 @@ Walk walkWithCursor(const std::string& path, const ReadArgs& a)
         if (code == RECORDING) {
             if (d->rec.state == 1) {
                 block = blocks++;
-                blockOf[file.items[size_t(index)].rec] = block;
+                blockOf[file.index.items[size_t(index)].rec] = block;
             }
             TableValues& t = w.tables[ORB_TABLE_BLOCKS];
             putBlock(t, d->rec);
@@ -809,4 +809,60 @@ TEST_F(Columns, ACompressedBodyBeyondItsGuessedSize)
     ORB_COLUMNS* c = readColumns(path, a);
     EXPECT_EQ(orb_columns_rows(c, ORB_TABLE_SAMPLES), 200001u);
     orb_free_columns(c);
+}
+
+// A recording whose samples start at time 0: the cursor decodes the first
+// sample of a run against no expected time, so it steps on from whatever
+// time the decoder was left with; the columns must hand out the same, read
+// with or without velocities (which match the cursor as well, so every
+// read of these bytes agrees with every other).  The plain case is one sample block start and
+// three left-eye gaze samples of time steps 0, 1, 1.
+TEST_F(Columns, SamplesFromTimeZeroReadAsTheCursorWalks)
+{
+    auto stepped = [](uint16_t eyes, uint8_t step, int16_t gaze) {
+        SampleItem s;
+        s.flags = uint16_t(kSampleItem | eyes | kGazeGroup);
+        s.step = step;
+        for (int e = 0; e < 2; ++e) s.gaze[e][0] = s.gaze[e][1] = int16_t(gaze + e);
+        return s;
+    };
+    // One block from time 0: its rate, its eyes and the steps of its samples.
+    auto fromZero = [&](double rate, uint16_t eyes, const std::vector<uint8_t>& steps) {
+        OrbWriter w;
+        w.add(blockStart(SSAMPLES, 0, rate, uint16_t(kSampleItem | eyes | kGazeGroup), 1));
+        for (size_t i = 0; i < steps.size(); ++i) w.add(stepped(eyes, steps[i], int16_t(100 + i)));
+        return w;
+    };
+    std::vector<std::pair<std::string, OrbWriter>> cases;
+    cases.emplace_back("left eye, 1000 Hz", fromZero(1000.0, kLeftEye, {0, 1, 1}));
+    cases.emplace_back("both eyes, 1000 Hz", fromZero(1000.0, kBothEyes, {0, 1, 1}));
+    cases.emplace_back("left eye, 500 Hz", fromZero(500.0, kLeftEye, {0, 2, 2}));
+    cases.emplace_back("both eyes, 2000 Hz", fromZero(2000.0, kBothEyes, {0, 0, 1, 0, 1, 0}));
+    {
+        // Runs beyond the sample queue: later runs start at other samples.
+        std::vector<uint8_t> steps(1500, 1);
+        steps[0] = 0;
+        cases.emplace_back("many samples from time 0", fromZero(1000.0, kBothEyes, steps));
+    }
+    {
+        OrbWriter w; // a sample at time 0 amid a block, after a gap in the clock
+        startBlock(w, 40);
+        addSampleRun(w, 40, 60);
+        w.add(sampleAt(0));
+        w.add(stepped(kBothEyes, 1, 300)).add(stepped(kBothEyes, 1, 301));
+        addSampleRun(w, 70, 80);
+        endBlock(w, 81);
+        cases.emplace_back("a sample at time 0 amid a block", w);
+    }
+    for (auto& [what, w] : cases) {
+        const std::string path = w.write();
+        for (int consistency : {0, 1, 2})
+            for (int flags : {0, ORB_COLUMNS_VELOCITIES, ORB_COLUMNS_VELOCITIES | ORB_COLUMNS_CAMERA}) {
+                SCOPED_TRACE(what + ", mode " + std::to_string(consistency) + ", flags " + std::to_string(flags));
+                ReadArgs a;
+                a.consistency = consistency;
+                a.flags = flags;
+                expectColumnsMatchCursor(path, a);
+            }
+    }
 }

@@ -98,7 +98,8 @@ void compareBothWays(const std::string& path)
                 EXPECT_EQ(memory.lastError, "");
 
             // Read into columns, the samples taken from the scan (no
-            // options) and through the sample queue (every option) agree.
+            // options) and through the sample queue (every option) agree,
+            // and the samples are those a cursor walk hands out.
             if (memory.handle) {
                 LogCapture quiet;
                 ORB_COLUMNS* reads[2] = {};
@@ -108,6 +109,10 @@ void compareBothWays(const std::string& path)
                                                        nullptr, nullptr, nullptr, nullptr, nullptr);
                 ASSERT_TRUE(reads[0] && reads[1]);
                 EXPECT_TRUE(orbfuzz::sameColumns(reads[0], reads[1]));
+                int err = 0;
+                _ORBFILE* fresh = orb_open_memory(bytes.data(), bytes.size(), mode, load[0], load[1], &err);
+                EXPECT_TRUE(orbfuzz::sameSamplesAsCursor(reads[0], fresh)) << "samples differ from the cursor's";
+                orb_close_file(fresh);
                 orb_free_columns(reads[0]);
                 orb_free_columns(reads[1]);
             }

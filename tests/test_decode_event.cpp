@@ -11,9 +11,9 @@ using namespace orbtest;
 namespace {
 
 // Decodes the next event into a cleared record.
-EData next(ORBFile& f, int expected = 0)
+EData next(ItemDecoder& f, int expected = 0)
 {
-    EData e(&f, nullptr);
+    EData e(nullptr);
     EXPECT_EQ(f.read_combfile_event(&e, 0), expected);
     return e;
 }
@@ -40,7 +40,7 @@ EventItem blockStartOf(unsigned type, uint32_t rate16)
     return e;
 }
 
-std::vector<int> modeValues(const ORBFile& f) { return {f.modeValue, f.levelValue, f.lowModeValue}; }
+std::vector<int> modeValues(const ItemDecoder& f) { return {f.modeValue, f.levelValue, f.lowModeValue}; }
 
 } // namespace
 
@@ -63,7 +63,7 @@ TEST(DecodeEvent, FieldTable)
     f->gazeDivisor = 4.0f;
     f->secondScale = 2.0f;
 
-    EData e(f.get(), nullptr);
+    EData e(nullptr);
     e.fe.aux0 = 0x5555;
     ASSERT_EQ(f->read_combfile_event(&e, 0), 0);
     const FEVENT& fe = e.fe;
@@ -105,7 +105,7 @@ TEST(DecodeEvent, TimesEyesAndUnknowns)
     EXPECT_EQ(e.fe.endTime, 2000u);
     EXPECT_EQ(f->latestSampleTime, 2000u) << "no sample block running";
 
-    e = EData(f.get(), nullptr);
+    e = EData(nullptr);
     e.fe.startTime = 77;
     e.fe.endTime = 88;
     ASSERT_EQ(f->read_combfile_event(&e, 0), 0);
@@ -118,7 +118,7 @@ TEST(DecodeEvent, TimesEyesAndUnknowns)
     EXPECT_TRUE(log.lines().empty());
     for (unsigned type : {12u, 1u, 10u, 15u, 18u, 24u, 25u, 28u, 30u, 0u}) {
         e.fe.type = uint16_t(type);
-        e.process_event(f.get());
+        e.process_event();
     }
     EXPECT_EQ(log.lines(), (Lines{">>>>> FILE STRUCTURE ERROR: UNKNOWN EVENT (12)\n",
                                   ">>>>> FILE STRUCTURE ERROR: UNKNOWN EVENT (30)\n",
@@ -132,7 +132,7 @@ TEST(DecodeEvent, TimesEyesAndUnknowns)
     EXPECT_EQ(next(*f).fe.eye, 0);
     EXPECT_EQ(f->eventEye, 0);
 
-    EData copy(f.get(), &e.fe);
+    EData copy(&e.fe);
     EXPECT_EQ(std::memcmp(&copy.fe, &e.fe, sizeof(FEVENT)), 0);
 }
 
@@ -231,7 +231,7 @@ TEST(DecodeEvent, BlockWordsGovernTheFile)
     w.add(EventItem(EEVENTS, -1).end(700));
     auto f = openAtItems(w);
 
-    EData e(f.get(), nullptr);
+    EData e(nullptr);
     e.fe.peakPupil = 42.0f;
     ASSERT_EQ(f->read_combfile_event(&e, 0), 0);
     EXPECT_EQ(f->currentSampleFlags, kLeftEye | kExtraData | kSampleItem);
@@ -266,7 +266,7 @@ TEST(DecodeEvent, Refusals)
     auto f = openAtItems(w);
     LogCapture log;
     EData e;
-    for (int16_t ORBFile::*gate : {&ORBFile::itemReadingEnabled, &ORBFile::preambleComplete, &ORBFile::isOpen}) {
+    for (int16_t ItemDecoder::*gate : {&ItemDecoder::itemReadingEnabled, &ItemDecoder::preambleComplete, &ItemDecoder::isOpen}) {
         (*f).*gate = 0;
         EXPECT_EQ(f->read_combfile_event(&e, 0), -1);
         (*f).*gate = 1;
@@ -283,7 +283,7 @@ TEST(DecodeEvent, Refusals)
 TEST(DecodeEvent, ShortReadAnywhere)
 {
     const EventItem item = EventItem(MESSAGE, 0).start(1000).words(kFieldStartPlain, 1, 2).message("hey").code(200);
-    expectEveryCutToFail(item.bytes(), "wbibwwbwmmmbb", [](ORBFile& f, int catchErrors) {
+    expectEveryCutToFail(item.bytes(), "wbibwwbwmmmbb", [](ItemDecoder& f, int catchErrors) {
         EData e;
         return f.read_combfile_event(&e, catchErrors);
     });

@@ -215,7 +215,7 @@ TEST(DecodeSample, ShortReadAnywhere)
     // content counts as bytes).
     Bytes item;
     fullSample().writeTo(item);
-    expectEveryCutToFail(item, "wb" + std::string(16, 'w') + "wwwbwwbbbbbbb", [](ORBFile& f, int catchErrors) {
+    expectEveryCutToFail(item, "wb" + std::string(16, 'w') + "wwwbwwbbbbbbb", [](ItemDecoder& f, int catchErrors) {
         Sample s;
         return f.read_combfile_sample(&s, 0, catchErrors);
     });

@@ -31,8 +31,8 @@ ORBItem entry(int32_t position, uint16_t type, uint64_t key)
 TEST(PreScan, EntriesAndKeys)
 {
     auto empty = openOrb(OrbWriter()); // only the closing zero tag
-    EXPECT_TRUE(empty->items.empty());
-    EXPECT_TRUE(empty->recordings.empty());
+    EXPECT_TRUE(empty->index.items.empty());
+    EXPECT_TRUE(empty->index.recordings.empty());
 
     OrbWriter w;
     startBlock(w, 1000);
@@ -93,7 +93,7 @@ TEST(GapFilling, PlaceholdersAndLogLines)
         EXPECT_EQ(keysOf(*f, SAMPLE), c.keys) << c.rate;
         EXPECT_EQ(log.lines(), c.log) << c.rate;
         size_t placeholders = 0;
-        for (const ORBItem& i : f->items)
+        for (const ORBItem& i : f->index.items)
             placeholders += i.position == -1 && i.type == SAMPLE && i.headerWord == 0;
         EXPECT_EQ(placeholders, c.keys.size() - c.times.size()) << c.rate;
         EXPECT_EQ(countCode(*openOrb(w, 1), SAMPLE), c.times.size()) << "check mode fills nothing";
@@ -130,20 +130,20 @@ TEST(BlockPairing, ToleranceDecidesWhetherMarkersMerge)
         w.add(blockEnd(EEVENTS, 1002 + 2 * gap));
         auto f = openOrb(w);
         std::vector<int> types;
-        for (const auto& r : f->recordings) types.push_back(r->recordType);
+        for (const auto& r : f->index.recordings) types.push_back(r->recordType);
         EXPECT_EQ(countCode(*f, RECORDING), types.size()) << "one item per record";
         if (gap == 501) {
             EXPECT_EQ(types, (std::vector<int>{2, 1, 1, 2}));
             continue;
         }
         ASSERT_EQ(types, (std::vector<int>{3, 3}));
-        const Recording& s = *f->recordings[0];
+        const Recording& s = *f->index.recordings[0];
         EXPECT_EQ(s.time, 1000u);
         EXPECT_EQ(s.orderKey, 2000u);
         EXPECT_EQ(s.sampleFlags, 0) << "the events side came first and stands for the block";
         EXPECT_EQ(s.eyes, 2);
-        EXPECT_EQ(f->recordings[1]->time, 1802u);
-        EXPECT_EQ(f->items.front().key(), 2000u);
+        EXPECT_EQ(f->index.recordings[1]->time, 1802u);
+        EXPECT_EQ(f->index.items.front().key(), 2000u);
     }
 }
 
@@ -156,22 +156,22 @@ TEST(BlockPairing, RecordFields)
               .end(uint32_t(500.0 * 65536)).words(kFieldEndRes, 0x0020, 0));
     w.add(blockEnd(ESAMPLES, 5001));
     auto f = openOrb(w);
-    ASSERT_EQ(f->recordings.size(), 3u);
+    ASSERT_EQ(f->index.recordings.size(), 3u);
     // recordType, eyes, filterFlag, modeFlag, modeLevel, sampleFlags, eventFlags, rate
     auto fields = [](const Recording& r) {
         return std::vector<int>{r.recordType, r.eyes,        r.filterFlag, r.modeFlag,
                                 r.modeLevel,  r.sampleFlags, r.eventFlags, int(r.sampleRate)};
     };
-    EXPECT_EQ(fields(*f->recordings[0]), (std::vector<int>{1, 1, 0, 1, 1, kLeftEye | kSampleItem | kExtraData, 0, 1000}))
+    EXPECT_EQ(fields(*f->index.recordings[0]), (std::vector<int>{1, 1, 0, 1, 1, kLeftEye | kSampleItem | kExtraData, 0, 1000}))
         << "no option field: option 1";
     // The event block's word names the eyes the other way round.
-    EXPECT_EQ(fields(*f->recordings[1]), (std::vector<int>{2, 2, 1, 0, 2, 0, 0x1234, 500}));
-    EXPECT_EQ(f->recordings[2]->eyes, 2) << "an end takes the eyes of the last record";
+    EXPECT_EQ(fields(*f->index.recordings[1]), (std::vector<int>{2, 2, 1, 0, 2, 0, 0x1234, 500}));
+    EXPECT_EQ(f->index.recordings[2]->eyes, 2) << "an end takes the eyes of the last record";
     const float divisor = 10.0f;
     uint32_t bits;
     std::memcpy(&bits, &divisor, 4);
-    EXPECT_EQ(f->recordings[0]->itemRef, bits);
-    EXPECT_EQ(f->recordings[1]->itemRef, 0u);
+    EXPECT_EQ(f->index.recordings[0]->itemRef, bits);
+    EXPECT_EQ(f->index.recordings[1]->itemRef, 0u);
 }
 
 TEST(BlockPairing, LastSampleWithKind15ExtraDataClearsTheFlag)
@@ -184,7 +184,7 @@ TEST(BlockPairing, LastSampleWithKind15ExtraDataClearsTheFlag)
         s.extra = {1, 2};
         w.add(s);
         endBlock(w, 1001);
-        EXPECT_EQ(openOrb(w)->recordings[0]->sampleFlags, kLeftEye | kSampleItem | (extraType == 0xF2 ? 0 : kExtraData));
+        EXPECT_EQ(openOrb(w)->index.recordings[0]->sampleFlags, kLeftEye | kSampleItem | (extraType == 0xF2 ? 0 : kExtraData));
     }
 }
 
@@ -198,7 +198,7 @@ TEST(LoadFilters, SamplesOrEventsLeftOut)
     endBlock(w, 1021);
     auto codes = [](const ORBFile& f, int recordType) {
         std::vector<unsigned> out;
-        for (const ORBItem& i : f.items)
+        for (const ORBItem& i : f.index.items)
             if (i.code() != RECORDING) out.push_back(i.code());
             else EXPECT_EQ(i.rec->recordType, recordType);
         return out;
@@ -241,7 +241,7 @@ TEST(Damage, TolerantScanEndsAtTheDamage)
             LogCapture log;
             auto f = openOrb(w, 4);
             EXPECT_EQ(countCode(*f, SAMPLE), 2u);
-            EXPECT_EQ(f->items.front().code(), RECORDING) << "what was indexed is sorted";
+            EXPECT_EQ(f->index.items.front().code(), RECORDING) << "what was indexed is sorted";
             const Lines& l = log.lines();
             ASSERT_GE(l.size(), c.tolerantLog.size());
             EXPECT_EQ(Lines(l.end() - long(c.tolerantLog.size()), l.end()), c.tolerantLog);
@@ -284,7 +284,7 @@ TEST(IndexOrder, EqualKeys)
     auto f = openOrb(w);
     auto at = [&](uint64_t key) { // the two streams' markers tie: 17 counts as 15, 18 as 16
         std::vector<unsigned> codes;
-        for (const ORBItem& i : f->items)
+        for (const ORBItem& i : f->index.items)
             if (i.key() == key) codes.push_back(i.code() == SEVENTS || i.code() == EEVENTS ? i.code() - 2 : i.code());
         return codes;
     };
@@ -436,12 +436,12 @@ TEST(Sort, LargeIndexInOverlappingStretches)
 {
     auto f = openOrb(OrbWriter());
     std::mt19937 rng(3);
-    for (int i = 0; i < 50000; ++i) f->items.push_back(entry(i, SAMPLE, uint64_t(2 * i)));
-    for (size_t i = 0; i + 2500 < f->items.size(); i += 1000) std::swap(f->items[i], f->items[i + rng() % 2500]);
+    for (int i = 0; i < 50000; ++i) f->index.items.push_back(entry(i, SAMPLE, uint64_t(2 * i)));
+    for (size_t i = 0; i + 2500 < f->index.items.size(); i += 1000) std::swap(f->index.items[i], f->index.items[i + rng() % 2500]);
     auto byKey = [](const ORBItem& a, const ORBItem& b) { return a.key() < b.key(); };
-    f->sortItems();
-    EXPECT_TRUE(std::is_sorted(f->items.begin(), f->items.end(), byKey)) << "within the overlap";
-    std::rotate(f->items.begin(), f->items.begin() + 1, f->items.begin() + 40001);
-    f->sortItems();
-    EXPECT_FALSE(std::is_sorted(f->items.begin(), f->items.end(), byKey)) << "far beyond it";
+    f->index.sortItems();
+    EXPECT_TRUE(std::is_sorted(f->index.items.begin(), f->index.items.end(), byKey)) << "within the overlap";
+    std::rotate(f->index.items.begin(), f->index.items.begin() + 1, f->index.items.begin() + 40001);
+    f->index.sortItems();
+    EXPECT_FALSE(std::is_sorted(f->index.items.begin(), f->index.items.end(), byKey)) << "far beyond it";
 }

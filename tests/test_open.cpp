@@ -14,11 +14,11 @@ TEST(Open, AcceptsTheSixMagicLines)
         OrbWriter w;
         w.magic = magic;
         w.compressed = std::string(magic).find("ZIP") != std::string::npos;
-        EXPECT_EQ(openOrb(w)->combfile_status(), 0) << magic;
+        EXPECT_EQ(openOrb(w)->decoder.combfile_status(), 0) << magic;
     }
     OrbWriter w;
     w.magic = "NORVANE_LAB_COMBFILE\n\n"; // the second line is the preamble
-    EXPECT_EQ(openOrb(w)->combfile_status(), 0);
+    EXPECT_EQ(openOrb(w)->decoder.combfile_status(), 0);
 }
 
 TEST(Open, RejectsNearMissesEmptyAndMissingFiles)
@@ -67,7 +67,7 @@ TEST(Open, VersionLineSetsTheRevision)
     for (const Case& c : cases) {
         OrbWriter w;
         w.preamble = {c.line};
-        EXPECT_EQ(openOrb(w)->trackerRevision, c.revision) << c.line;
+        EXPECT_EQ(openOrb(w)->decoder.trackerRevision, c.revision) << c.line;
     }
 }
 
@@ -75,13 +75,13 @@ TEST(Open, SourceLinesSetTheModelAndTheLastOneWins)
 {
     OrbWriter w;
     w.preamble = {"SOURCE: OCULANT\n"};
-    EXPECT_EQ(openOrb(w)->trackerModel, 1);
+    EXPECT_EQ(openOrb(w)->decoder.trackerModel, 1);
     w.preamble = {"SOURCE: OCULANT MK\n"};
-    EXPECT_EQ(openOrb(w)->trackerModel, 2);
+    EXPECT_EQ(openOrb(w)->decoder.trackerModel, 2);
     w.preamble = {"SOURCE: OCULANT\n", "SOURCE: OCULANT HQ\n"};
-    EXPECT_EQ(openOrb(w)->trackerModel, 3);
+    EXPECT_EQ(openOrb(w)->decoder.trackerModel, 3);
     w.preamble = {"SOURCE: OCULANT HQ\n", "SOURCE: OCULANT MK 2\n", "SOURCE: OCULANT XY\n"};
-    EXPECT_EQ(openOrb(w)->trackerModel, 2);
+    EXPECT_EQ(openOrb(w)->decoder.trackerModel, 2);
 }
 
 TEST(Open, WriterTokenSetsTheTextEncoding)
@@ -134,16 +134,16 @@ TEST(Open, CompressedBodyIsInflated)
     w.raw({0x12, 0x34, 0x56, 0x78});
     auto f = openOrb(w, 4); // the bytes are no valid item stream: scan tolerantly
     // The body is now the whole stream, from offset 0.
-    f->stream->seek(0);
-    EXPECT_EQ(f->stream->getInt(), 0x12345678u);
-    EXPECT_EQ(f->trackerRevision, 3);
+    f->decoder.stream->seek(0);
+    EXPECT_EQ(f->decoder.stream->getInt(), 0x12345678u);
+    EXPECT_EQ(f->decoder.trackerRevision, 3);
 
     // Not deflated at all: an empty stream.
     w.compressed = false;
     f = openOrb(w, 4);
     unsigned char b;
-    f->stream->seek(0);
-    EXPECT_EQ(f->stream->getRawData(&b, 1), 0);
+    f->decoder.stream->seek(0);
+    EXPECT_EQ(f->decoder.stream->getRawData(&b, 1), 0);
 }
 
 TEST(Open, CompressedBodyThatEndsEarlyStillOpens)
@@ -158,9 +158,9 @@ TEST(Open, CompressedBodyThatEndsEarlyStillOpens)
     w.truncateBodyTo = (w.build().size() - 60) / 2; // about half of the deflated body
     // The open may end in the item scan; the container itself is not an error.
     auto f = openOrb(w, 4);
-    f->stream->seek(0);
-    EXPECT_EQ(f->stream->getWord(), 0);
-    EXPECT_EQ(f->stream->getWord(), 1);
+    f->decoder.stream->seek(0);
+    EXPECT_EQ(f->decoder.stream->getWord(), 0);
+    EXPECT_EQ(f->decoder.stream->getWord(), 1);
 }
 
 // Inflating stops once the body reaches the limit (2 GiB in use; smaller

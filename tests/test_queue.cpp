@@ -27,7 +27,7 @@ Sample leftSample(uint32_t time)
 
 std::unique_ptr<SampleQueue> queueWithKeys(const std::vector<unsigned long long>& keys)
 {
-    auto q = std::make_unique<SampleQueue>(nullptr);
+    auto q = std::make_unique<SampleQueue>();
     for (unsigned long long k : keys) {
         Sample s = leftSample(uint32_t(k / 2));
         q->addSample(&s, k);
@@ -85,8 +85,8 @@ void addSteppedBlock(OrbWriter& w, uint32_t t0, int n, double rate, const std::f
 std::vector<int> sampleEntries(const ORBFile& f)
 {
     std::vector<int> out;
-    for (size_t i = 0; i < f.items.size(); ++i)
-        if (f.items[i].code() == SAMPLE) out.push_back(int(i));
+    for (size_t i = 0; i < f.index.items.size(); ++i)
+        if (f.index.items[i].code() == SAMPLE) out.push_back(int(i));
     return out;
 }
 
@@ -138,7 +138,7 @@ TEST(QueueAdd, KeysMustIncrease)
 
 TEST(QueueAdd, PupilSizesAreCarriedForward)
 {
-    SampleQueue q(nullptr);
+    SampleQueue q;
     Sample bare = leftSample(1);
     bare.fs.pupilSize[0] = bare.fs.pupilSize[1] = 5.0f;
     q.addSample(&bare, 2);
@@ -192,14 +192,15 @@ TEST(QueueBatch, SampleNearTheEndShiftsTheQueue)
     addSteppedBlock(w, 5000, 1000, 1000.0);
     auto f = openOrb(w);
     std::vector<int> entries = sampleEntries(*f);
-    SampleQueue& q = *f->queue;
+    SampleReader& reader = *f->samples;
+    SampleQueue& q = reader.queue();
 
-    Sample* s = q.getSample(entries[0]);
+    Sample* s = reader.getSample(entries[0]);
     EXPECT_EQ(q.slotOf(s), 0);
     EXPECT_EQ(q.size(), 512);
-    EXPECT_EQ(q.slotOf(q.getSample(entries[447])), 447) << "close enough: no batch";
+    EXPECT_EQ(q.slotOf(reader.getSample(entries[447])), 447) << "close enough: no batch";
 
-    s = q.getSample(entries[448]);
+    s = reader.getSample(entries[448]);
     EXPECT_EQ(q.slotOf(s), 320);
     EXPECT_EQ(q.keyAt(0), 2u * (5000 + 128));
     EXPECT_EQ(q.size(), 512);
@@ -224,22 +225,23 @@ TEST(QueueBatch, StopsAtTheBlockEndAndStartsAfreshInTheNext)
     addSteppedBlock(w, 9000, 50, 500.0);
     auto f = openOrb(w);
     std::vector<int> entries = sampleEntries(*f);
-    SampleQueue& q = *f->queue;
+    SampleReader& reader = *f->samples;
+    SampleQueue& q = reader.queue();
 
-    ASSERT_NE(q.getSample(entries[0]), nullptr);
+    ASSERT_NE(reader.getSample(entries[0]), nullptr);
     EXPECT_EQ(q.size(), 100);
     for (int i = 0; i < 100; ++i) {
         Sample* s = q.getOldSample(2u * (1000 + 2 * i));
         ASSERT_NE(s, nullptr) << i;
         EXPECT_EQ(s->fs.gazeY[0], float(50 - i)) << i;
     }
-    Sample* s = q.getSample(entries[100]);
+    Sample* s = reader.getSample(entries[100]);
     ASSERT_NE(s, nullptr);
     EXPECT_EQ(q.size(), 50);
     EXPECT_EQ(q.keyAt(0), 18000u);
     EXPECT_EQ(s->fs.gazeX[0], float(gazeX(0)));
     // Back into the first block: not an extension, so the queue restarts.
-    ASSERT_NE(q.getSample(entries[60]), nullptr);
+    ASSERT_NE(reader.getSample(entries[60]), nullptr);
     EXPECT_EQ(q.keyAt(0), 2u * (1000 + 120));
     EXPECT_EQ(q.size(), 40);
 }
@@ -253,9 +255,10 @@ TEST(QueueBatch, PlaceholdersBecomeMissingSamples)
     auto f = openOrb(w, 2);
     std::vector<int> entries = sampleEntries(*f);
     ASSERT_EQ(entries.size(), 12u);
-    SampleQueue& q = *f->queue;
+    SampleReader& reader = *f->samples;
+    SampleQueue& q = reader.queue();
     for (int i = 0; i < 12; ++i) {
-        Sample* s = q.getSample(entries[size_t(i)]);
+        Sample* s = reader.getSample(entries[size_t(i)]);
         ASSERT_NE(s, nullptr) << i;
         const FSAMPLE& fs = s->fs;
         EXPECT_EQ(fs.time, uint32_t(100 + i));
@@ -271,7 +274,7 @@ TEST(QueueBatch, PlaceholdersBecomeMissingSamples)
     }
     // A batch that starts on a placeholder: nothing to carry yet.
     q.clear();
-    ASSERT_NE(q.getSample(entries[3]), nullptr);
+    ASSERT_NE(reader.getSample(entries[3]), nullptr);
     EXPECT_EQ(q.keyAt(0), 206u);
     EXPECT_EQ(q.getOldSample(206)->fs.pupilSize[0], 1000.0f);
     EXPECT_EQ(q.getOldSample(210)->fs.gazeY[0], float(50 - 5));
@@ -283,12 +286,13 @@ TEST(QueueBatch, TheIndexIsTheAuthorityOnTime)
     addSteppedBlock(w, 100, 10, 1000.0);
     for (bool repair : {false, true}) {
         auto f = openOrb(w);
-        f->fixupMode = repair;
+        f->samples->setFixupMode(repair);
         // Drop sample 4 from the index: from there on the stream's samples
         // are filed under the keys of the entries that follow.
-        f->items.erase(f->items.begin() + sampleEntries(*f)[4]);
-        SampleQueue& q = *f->queue;
-        ASSERT_NE(q.getSample(sampleEntries(*f)[0]), nullptr);
+        f->index.items.erase(f->index.items.begin() + sampleEntries(*f)[4]);
+        SampleReader& reader = *f->samples;
+        SampleQueue& q = reader.queue();
+        ASSERT_NE(reader.getSample(sampleEntries(*f)[0]), nullptr);
         EXPECT_EQ(q.size(), 9);
         Sample* moved = q.getOldSample(210); // the entry of sample 5
         ASSERT_NE(moved, nullptr);

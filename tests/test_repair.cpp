@@ -19,7 +19,7 @@ EventItem blinkEnd(uint32_t from, uint32_t to, int eye) { return EventItem(EBLIN
 std::vector<uint64_t> flagged(const ORBFile& f, uint16_t flag)
 {
     std::vector<uint64_t> times;
-    for (const ORBItem& i : f.items)
+    for (const ORBItem& i : f.index.items)
         if (i.code() == SAMPLE && (i.type & flag)) times.push_back(i.key() / 2);
     return times;
 }
@@ -75,7 +75,7 @@ TEST(MisplacedBlockEnd, IsMovedInFrontOfTheNextStartWithoutSortingAgain)
     w.add(blockEnd(ESAMPLES, 1006));
     auto boundaryStates = [](const ORBFile& f) {
         std::vector<int> states;
-        for (const ORBItem& i : f.items)
+        for (const ORBItem& i : f.index.items)
             if (i.code() == RECORDING && i.key() == 2006) states.push_back(i.rec->state);
         return states;
     };
@@ -86,17 +86,17 @@ TEST(MisplacedBlockEnd, IsMovedInFrontOfTheNextStartWithoutSortingAgain)
         EXPECT_EQ(countCode(*f, SAMPLE), 4u) << "no sample removed";
         EXPECT_TRUE(linesWith(log, "WARNING").empty());
         EXPECT_EQ(boundaryStates(*f), (std::vector<int>{0, 1}));
-        EXPECT_EQ(f->items[size_t(indexOf(*f, RECORDING, 1)) - 1].key(), 2000u)
+        EXPECT_EQ(f->index.items[size_t(indexOf(*f, RECORDING, 1)) - 1].key(), 2000u)
             << "where the start stood, after block 1's sample";
     }
     // The blink start, re-timed onto the orphaned end, would move on a new
     // sort; it stays.
     auto f = openOrb(w, kRepair);
     const int start = indexOf(*f, SBLINK);
-    EXPECT_EQ(f->items[size_t(start)].type, kFlagEye0 | kEyeMarkerLeft | SBLINK);
-    EXPECT_EQ(f->items[size_t(start)].key(), 2008u);
-    EXPECT_EQ(f->items[size_t(start) - 1].code(), EBLINK) << "not sorted in front of the orphaned end";
-    EXPECT_EQ(f->items[size_t(start) + 1].key(), 2010u);
+    EXPECT_EQ(f->index.items[size_t(start)].type, kFlagEye0 | kEyeMarkerLeft | SBLINK);
+    EXPECT_EQ(f->index.items[size_t(start)].key(), 2008u);
+    EXPECT_EQ(f->index.items[size_t(start) - 1].code(), EBLINK) << "not sorted in front of the orphaned end";
+    EXPECT_EQ(f->index.items[size_t(start) + 1].key(), 2010u);
 }
 
 TEST(Blinks, ReassignLinesCarryTheKey)
@@ -129,10 +129,10 @@ TEST(Blinks, OrphanedEndRetimesTheNextStartOfItsEye)
     auto f = openOrb(w, kRepair);
     const int left = indexOf(*f, SBLINK, 0, 0);
     EXPECT_EQ(startTimeAt(*f, left), 1003u) << "read back at its new time";
-    EXPECT_EQ(f->items[size_t(left)].key(), 2006u);
-    EXPECT_EQ(f->items[size_t(left)].type, kFlagEye0 | kEyeMarkerLeft | SBLINK);
-    EXPECT_EQ(f->items[size_t(left) + 1].code(), SAMPLE) << "sorted again, in front of its instant's sample";
-    EXPECT_EQ(f->items[size_t(left) + 1].key(), 2006u);
+    EXPECT_EQ(f->index.items[size_t(left)].key(), 2006u);
+    EXPECT_EQ(f->index.items[size_t(left)].type, kFlagEye0 | kEyeMarkerLeft | SBLINK);
+    EXPECT_EQ(f->index.items[size_t(left) + 1].code(), SAMPLE) << "sorted again, in front of its instant's sample";
+    EXPECT_EQ(f->index.items[size_t(left) + 1].key(), 2006u);
     EXPECT_EQ(itemOf(*f, SBLINK, 0, 1).type, kEyeMarkerRight | SBLINK);
     EXPECT_EQ(itemOf(*f, SBLINK, 0, 1).key(), 2010u);
 
@@ -251,12 +251,12 @@ TEST(AdjustTimes, UnknownEntriesAreLogged)
     Adjusting a(300000000);
     LogCapture log;
     a.d.fs.time = 300000000;
-    for (int32_t cursor : {0, int32_t(a.file->items.size()) + 1}) {
+    for (int32_t cursor : {0, int32_t(a.file->index.items.size()) + 1}) {
         a.file->current = cursor;
         a.file->adjustTimes(&a.d);
     }
     a.file->current = 1;
-    a.file->items[0].type = 12; // neither a record nor an event
+    a.file->index.items[0].type = 12; // neither a record nor an event
     a.file->adjustTimes(&a.d);
     EXPECT_EQ(a.d.fs.time, 300000000u);
     EXPECT_EQ(a.file->timeOffset, 0u);

@@ -44,6 +44,8 @@ TEST(Symbols, ExactlyTheInterfaceIsExported)
         "orb_columns_count", "orb_columns_column", "orb_columns_find", "orb_columns_text",
         "orb_columns_preamble", "orb_columns_revision", "orb_columns_oculant_revision",
         "orb_columns_items", "orb_column_type_size",
+        "orb_goto_index", "orb_get_element_code", "orb_get_trial_span", "orb_get_camera_values",
+        "orb_record_members", "orb_columns_layout",
         "_Z23orb_get_sample_intervalP8_ORBFILE", "_Z26orb_get_sample_interval_exP8_ORBFILE",
         "_Z27get_filter_level_for_sampleP8_ORBFILE", "_Z25orb_get_sample_per_secondP8_ORBFILE",
         "_Z21orb_get_element_indexP8_ORBFILE",

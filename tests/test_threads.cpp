@@ -232,12 +232,12 @@ TEST(Threads, LargeIndexSortedWhileScanningAsAfterwards)
             SCOPED_TRACE(std::string(compressed ? "compressed" : "plain") + " consistency " + std::to_string(consistency));
             ORBFile during(path.c_str(), consistency, true, true, ORBFile::IndexSorting::WhileScanning);
             ORBFile after(path.c_str(), consistency, true, true, ORBFile::IndexSorting::AfterScanning);
-            ASSERT_GT(during.items.size(), 60000u);
-            ASSERT_EQ(during.items.size(), after.items.size());
+            ASSERT_GT(during.index.items.size(), 60000u);
+            ASSERT_EQ(during.index.items.size(), after.index.items.size());
             size_t differ = 0;
-            for (size_t i = 0; i < during.items.size(); ++i) {
-                const ORBItem& a = during.items[i];
-                const ORBItem& b = after.items[i];
+            for (size_t i = 0; i < during.index.items.size(); ++i) {
+                const ORBItem& a = during.index.items[i];
+                const ORBItem& b = after.index.items[i];
                 const bool same = a.position == b.position && a.type == b.type && a.headerWord == b.headerWord &&
                                   a.key() == b.key() &&
                                   (!a.isRecording() || std::memcmp(a.rec, b.rec, sizeof(Recording)) == 0);

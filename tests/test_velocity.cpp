@@ -81,7 +81,7 @@ TEST(StandardFilter, RulesByTheNeighboursPresent)
         {true, {M, 1, 3, M, M}, 50.0},
         {true, {M, 1, M, M, M}, M}, // backward needs the centre
     };
-    SampleQueue q(nullptr);
+    SampleQueue q;
     for (const auto& c : cases) {
         std::vector<float> p(kN, 0.0f);
         std::copy(c.p, c.p + 5, p.begin() + kC - 2);
@@ -99,7 +99,7 @@ TEST(StandardFilter, RulesByTheNeighboursPresent)
 
 TEST(HighSpeedFilter, RowsByRateWithAFixedScale)
 {
-    SampleQueue q(nullptr);
+    SampleQueue q;
     const float s = 4.0f;
     std::vector<float> p = linear(s);
     // Support differences of a linear series per row: 6, 10, 22 and 46 s.
@@ -118,7 +118,7 @@ TEST(HighSpeedFilter, RowsByRateWithAFixedScale)
 
 TEST(HighSpeedFilter, EveryWindowValueMustBePresent)
 {
-    SampleQueue q(nullptr);
+    SampleQueue q;
     const std::vector<float> p = linear(4.0f);
     for (int i = 0; i < kN; ++i) {
         std::vector<float> m = p;
@@ -147,7 +147,7 @@ TEST(HighSpeedFilter, EveryWindowValueMustBePresent)
 
 TEST(SetVelocity, StandardFilterOverTheQueue)
 {
-    SampleQueue q(nullptr);
+    SampleQueue q;
     fillQueue(q, kN + 10, 2);
     Sample* s = sampleAtSlot(q, kC, 2);
     EXPECT_EQ(q.setVelocity(s, 1000), 0);
@@ -167,7 +167,7 @@ TEST(SetVelocity, StandardFilterOverTheQueue)
 
 TEST(SetVelocity, ClosedEyesAbsentEyesAndBadResolutions)
 {
-    SampleQueue q(nullptr);
+    SampleQueue q;
     fillQueue(q, kN, 2, [](FSAMPLE& fs, int i) {
         if (i == kC - 1) fs.pupilSize[0] = 12.0f;         // eye 0 closed just before the centre
         if (i == kC + 8) fs.flags &= uint16_t(~kRightEye);   // eye 1 not recorded
@@ -200,7 +200,7 @@ TEST(SetVelocity, ClosedEyesAbsentEyesAndBadResolutions)
 TEST(SetVelocity, HighSpeedModelUsesTheHighSpeedFilter)
 {
     auto hq = fileOfModel("SOURCE: OCULANT HQ");
-    SampleQueue& q = *hq->queue;
+    SampleQueue& q = hq->samples->queue();
     fillQueue(q, kN + 1, 1); // 2000 per second: the window is c-19..c+19
     Sample* s = sampleAtSlot(q, kC, 1);
     q.setVelocity(s, 2000);
@@ -224,9 +224,9 @@ TEST(SetVelocity, HighSpeedModelUsesTheHighSpeedFilter)
     }
 
     auto mk = fileOfModel("SOURCE: OCULANT MK");
-    fillQueue(*mk->queue, kN, 1);
-    Sample* t = sampleAtSlot(*mk->queue, kC, 1);
-    mk->queue->setVelocity(t, 2000);
+    fillQueue(mk->samples->queue(), kN, 1);
+    Sample* t = sampleAtSlot(mk->samples->queue(), kC, 1);
+    mk->samples->queue().setVelocity(t, 2000);
     EXPECT_FLOAT_EQ(t->fs.gazeVelX[0], 500.0f) << "the standard filter";
 }
 
@@ -247,7 +247,7 @@ TEST(SetVelocity, AgreesWithOnePairAtATime)
     for (const auto& c : cases) {
         auto defect = [&](int weight) { return int(rng() % 1000) < weight * c.defects; };
         auto f = fileOfModel(c.source);
-        SampleQueue& q = *f->queue;
+        SampleQueue& q = f->samples->queue();
         unsigned long long key = 5000;
         for (int i = 0; i < 300; ++i) {
             key += defect(1) ? c.step * (2 + rng() % 3) : c.step;

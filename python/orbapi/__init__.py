@@ -23,6 +23,7 @@ import importlib
 from ._core import OrbError
 from .cursor import OrbFile, Record, open
 from .recording import Recording, read
+from .view import view
 
 from ._core import library_version as _library_version
 
@@ -31,7 +32,7 @@ __version__ = _library_version()
 
 __all__ = [
     "OrbError", "OrbFile", "Record", "Recording", "__version__",
-    "open", "read", "read_many", "to_parquet", "dask",
+    "open", "read", "read_many", "to_parquet", "dask", "view",
 ]
 
 _LAZY = {"read_many": "many", "to_parquet": "many"}

@@ -21,7 +21,7 @@ from . import many
 
 EXIT_OK, EXIT_FAILED, EXIT_USAGE = 0, 1, 2
 
-EYES = {1: "left", 2: "right", 3: "both"}
+from ._core import BLOCK_EYES as EYES
 MODELS = {1: "", 2: "MK", 3: "HQ"}
 
 MAIN_EPILOG = """\
@@ -180,6 +180,8 @@ def _build_parser(command: str | None = None) -> argparse.ArgumentParser:
     )
 
     _add_plot(sub, command == "plot")
+    from .view import add_command as add_view
+    add_view(sub, _add_consistency)
     return parser
 
 

@@ -7,7 +7,7 @@ from typing import Any
 from . import _core
 from ._source import Source, resolve
 
-SAMPLE, RECORDING, MESSAGE = 200, 30, 24
+SAMPLE, RECORDING, MESSAGE = _core.SAMPLE, _core.RECORDING, _core.MESSAGE
 
 
 class Record(Mapping):

@@ -24,7 +24,7 @@ import os
 from typing import Sequence
 
 #: An ORB recording without items: its tables are empty but fully typed.
-EMPTY_RECORDING = b"NORVANE_LAB_COMBFILE\nENDP:\n\0\0"
+from ._core import EMPTY_RECORDING
 
 
 def _dd():

@@ -41,7 +41,8 @@ _LINE_WIDTH = {"left": 1.8, "right": 0.9}
 _SELECT = {"left": ("left",), "right": ("right",), "both": ("left", "right")}
 
 # The stored markers of a missing value.
-_MISSING = (-32768.0, 100000000.0)
+from ._core import MISSING_POSITION, MISSING_VALUE
+_MISSING = (MISSING_POSITION, MISSING_VALUE)
 
 # Beyond these the scanpath shows every n-th sample, and numbers and message
 # labels are left out so that they do not hide each other.

@@ -11,7 +11,7 @@ from . import _core
 from ._optional import require
 from ._source import Source, resolve
 
-SBLINK, EBLINK, ESACC, EFIX, MESSAGE = 3, 4, 6, 8, 24
+SBLINK, EBLINK, ESACC, EFIX, MESSAGE = _core.SBLINK, _core.EBLINK, _core.ESACC, _core.EFIX, _core.MESSAGE
 _END_KINDS = {"fixations": EFIX, "saccades": ESACC, "blinks": EBLINK}
 _EYES = {1: "left", 2: "right", 3: "both"}
 

@@ -18,7 +18,8 @@ __all__ = ["to_mne", "to_pymovements", "write_fif"]
 
 # The markers a recording stores for a missing value; a recording read with
 # ``sentinels=True`` still holds them, the toolkits want NaN.
-_MISSING = (-32768.0, 100000000.0)
+from ._core import MISSING_POSITION, MISSING_VALUE
+_MISSING = (MISSING_POSITION, MISSING_VALUE)
 
 _EYES = ("left", "right")
 _EVENT_KINDS = {  # annotations= name -> (table, MNE description, pymovements name)

@@ -27,12 +27,12 @@
 
 namespace {
 
-constexpr float kMissingPosition = -32768.0f; // absent position, pupil or gaze
-constexpr float kMissingScaled = 100000000.0f; // absent scaled value or velocity
-constexpr int kMissingWord = 32768;            // absent status or input word
-constexpr int kMissingType = -32768;           // absent extra-data type
-constexpr uint16_t kHalfMillisecond = 0x0002;  // second sample of a millisecond
-constexpr int kMessage = 24;
+constexpr float kMissingPosition = ORB_MISSING_POSITION;
+constexpr float kMissingScaled = ORB_MISSING_VALUE;
+constexpr int kMissingWord = ORB_MISSING_WORD; // absent status or input word
+constexpr int kMissingType = -ORB_MISSING_WORD; // absent extra-data type
+constexpr uint16_t kHalfMillisecond = ORB_SAMPLE_HALF_MS;
+constexpr int kMessage = MESSAGE;
 
 // ---------------------------------------------------------------------------
 // Log lines
@@ -493,7 +493,7 @@ cpp11::writable::list factsOf(ORB_COLUMNS* c, const Span& s, const Span& e, cons
     for (size_t r = s.first; r < s.first + s.rows; ++r) {
         if (st && sf)
             see(double(st[r]) + ((sf[r] & kHalfMillisecond) ? 0.5 : 0.0), true);
-        if (xt && x0 && xt[r] == 32767 && x0[r] == 32767)
+        if (xt && x0 && xt[r] == ORB_PLACEHOLDER && x0[r] == ORB_PLACEHOLDER)
             ++placeholders;
     }
     auto bt = static_cast<const uint32_t*>(find(c, ORB_TABLE_BLOCKS, "time"));

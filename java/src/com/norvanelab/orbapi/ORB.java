@@ -114,7 +114,8 @@ public class ORB implements AutoCloseable {
      * Opens a recording with every item indexed and no consistency check.
      *
      * @param path the recording file
-     * @throws IOException when the file is missing or corrupt
+     * @throws IOException when the file is missing or corrupt (an
+     *         {@link OrbException} that says why)
      */
     public ORB(String path) throws IOException {
         open(path);
@@ -151,7 +152,9 @@ public class ORB implements AutoCloseable {
      *        (1), a frame lookup table (2) or both (3); 0 for none. This
      *        library generates neither, so the value changes nothing here
      * @return 0 when the file is open
-     * @throws IOException "Could not open ORB File or the ORB File is corrupt"
+     * @throws IOException an {@link OrbException}: "Could not open ORB File or
+     *         the ORB File is corrupt", with the library's reason in
+     *         {@link OrbException#getReason()}
      */
     public native int getORBFile(String path, int consistency, boolean loadEvents,
                                  boolean loadSamples, int mode) throws IOException;
@@ -349,7 +352,8 @@ public class ORB implements AutoCloseable {
      * Opens a recording with every item indexed and no consistency check.
      *
      * @param path the recording file
-     * @throws IOException when the file is missing or corrupt
+     * @throws IOException when the file is missing or corrupt (an
+     *         {@link OrbException} that says why)
      */
     public void open(String path) throws IOException {
         open(path, CONSISTENCY_NONE, true, true);
@@ -362,7 +366,8 @@ public class ORB implements AutoCloseable {
      * @param consistency see {@link #getORBFile}
      * @param loadEvents whether events and messages are indexed
      * @param loadSamples whether samples are indexed
-     * @throws IOException when the file is missing or corrupt
+     * @throws IOException when the file is missing or corrupt (an
+     *         {@link OrbException} that says why)
      */
     public void open(String path, int consistency, boolean loadEvents, boolean loadSamples)
             throws IOException {

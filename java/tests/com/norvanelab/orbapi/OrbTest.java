@@ -163,6 +163,7 @@ public final class OrbTest {
         test("trial identifiers: empty means none", OrbTest::trialIdentifiers);
         test("bookmarks", OrbTest::bookmarks);
         test("open failures throw and keep orbID", OrbTest::openFailures);
+        test("a refused file says why", OrbTest::refusalReasons);
         test("a closed file refuses every call", OrbTest::closedFile);
         test("preamble text and revision", OrbTest::preamble);
         test("float columns", OrbTest::floatColumns);
@@ -524,6 +525,38 @@ public final class OrbTest {
             }
             orb.open(path("walk.orb"), ORB.CONSISTENCY_NONE, true, false);
             check(orb.getItemCount() < items, "events only: fewer items");
+        }
+    }
+
+    /** What each refused open says, and that the reason is the one of that open. */
+    private static void refusalReasons() throws Exception {
+        String[][] cases = {
+            {"corrupt.orb", "Bad magic.  Corrupt orb file."},
+            {"missing.orb", "missing.orb"},
+            {null, "no path was given"},
+        };
+        for (String[] c : cases) {
+            String name = c[0] == null ? "null path" : c[0];
+            try (ORB orb = new ORB()) {
+                orb.getORBFile(c[0] == null ? null : path(c[0]), 0, true, true, 0);
+                problems.add(name + " opened");
+            } catch (OrbException e) {
+                check(e.getReason().contains(c[1]), name + " reason: " + e.getReason());
+                check(!e.getReason().endsWith("\n"), name + " reason without its line end");
+                check(e.toString().contains(e.getMessage() + ": " + e.getReason()),
+                      name + " printed with its reason: " + e);
+            }
+        }
+        // A good open between two refusals leaves no reason behind, and the
+        // second refusal's reason is its own.
+        try (ORB orb = new ORB(path("walk.orb"))) {
+            check(orb.isOpen(), "walk.orb opens");
+        }
+        try (ORB orb = new ORB()) {
+            orb.open(path("corrupt.orb"));
+            problems.add("corrupt.orb opened");
+        } catch (OrbException e) {
+            equal("Bad magic.  Corrupt orb file.", e.getReason(), "the reason of this open alone");
         }
     }
 

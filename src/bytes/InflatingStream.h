@@ -1,0 +1,66 @@
+// The item stream of a compressed container: the body is inflated on a
+// thread of its own into a private temporary file, and the stream reads
+// that file as far as the thread has got, so that inflating and scanning
+// overlap.  Once the body is inflated the stream is a plain file stream
+// over it; what a damaged body yields before its fault is the stream.
+#ifndef ORBAPI_INFLATINGSTREAM_H
+#define ORBAPI_INFLATINGSTREAM_H
+
+#include <atomic>
+#include <cstdio>
+#include <functional>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "NVIO.h"
+
+// The most an inflated body may hold: every stream position fits a signed
+// 32-bit index entry.  Inflating stops there with a log line; the bytes
+// before it are kept.
+constexpr uint64_t kInflatedBodyLimit = 0x7FFFFFFFu;
+
+// Inflates the zlib stream in the `size` bytes at `source` into a memory
+// stream that owns its bytes.  A damaged or cut stream yields what inflated
+// before the damage.  Throws std::bad_alloc when memory runs out.
+std::unique_ptr<InputStream> inflateToMemory(const unsigned char* source, size_t size);
+// The same with a smaller limit than kInflatedBodyLimit.
+std::unique_ptr<InputStream> inflateToMemory(const unsigned char* source, size_t size, uint64_t limit);
+// Inflates the zlib stream that starts at source's position (up to
+// kInflatedBodyLimit bytes), handing each piece to sink; a sink that
+// returns false stops it (Z_ERRNO).
+int inflateInto(FILE* source, const std::function<bool(const unsigned char*, size_t)>& sink);
+
+class InflatingStream : public FileInputStream {
+public:
+    // Takes over `source`, whose reads stand at the start of the compressed
+    // body, and starts inflating it.  Throws ORBException("Failed to create
+    // temp file \n") when no temporary file can be made.
+    static std::unique_ptr<InflatingStream> open(std::unique_ptr<FileInputStream> source);
+    ~InflatingStream() override;
+
+    // A generous guess of the inflated size, from the compressed size.
+    // The body is still growing while it is scanned: its expected size.
+    int64_t length() const override { return int64_t(expectedBytes_); }
+
+private:
+    InflatingStream(FILE* reader, int writer, std::unique_ptr<FileInputStream> source);
+
+    // Waits until the window can be filled whole, or the body is done.
+    bool refill() override;
+    void produce();
+
+    std::unique_ptr<FileInputStream> source_;
+    const int writer_;
+    uint64_t expectedBytes_ = 0;
+    std::mutex mutex_;
+    std::condition_variable ready_;
+    uint64_t produced_ = 0; // bytes written to the temporary file
+    bool done_ = false;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+#endif
