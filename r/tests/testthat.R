@@ -1,0 +1,4 @@
+library(testthat)
+library(orbapi)
+
+test_check("orbapi")
