@@ -86,18 +86,17 @@ TEST(Open, SourceLinesSetTheModelAndTheLastOneWins)
 
 TEST(Open, WriterTokenSetsTheTextEncoding)
 {
+    // Each file keeps its own: a file without the token says it does not
+    // know, whatever was opened before it.
     OrbWriter w;
     w.preamble = {"CONVERTER: NVEB1.6.2 build\n"};
-    openOrb(w);
-    EXPECT_EQ(utf8encoding.load(), 1);
+    auto utf8 = openOrb(w);
+    EXPECT_EQ(utf8->utf8encoding, 1);
     w.preamble = {"CONVERTER: NVEB1.5\n"};
-    openOrb(w);
-    EXPECT_EQ(utf8encoding.load(), 0);
-    utf8encoding = 1;
+    EXPECT_EQ(openOrb(w)->utf8encoding, 0);
     w.preamble = {"no token here\n"};
-    openOrb(w);
-    EXPECT_EQ(utf8encoding.load(), 1);
-    utf8encoding = 0;
+    EXPECT_EQ(openOrb(w)->utf8encoding, -1);
+    EXPECT_EQ(utf8->utf8encoding, 1);
 }
 
 TEST(Open, OverlongPreambleFails)

@@ -12,7 +12,6 @@
 #define ORBAPI_ORBFILE_H
 
 #include <cstdint>
-#include <atomic>
 #include <memory>
 #include <vector>
 
@@ -21,9 +20,6 @@
 #include "items.h"
 #include "samples.h"
 #include "orbapi.h"
-
-// Set from the preamble: 1 when the writer wrote UTF-8 text.  Process-wide.
-extern std::atomic<int> utf8encoding;
 
 // The two container forms.
 enum class ContainerForm { Plain, Compressed };
@@ -124,6 +120,10 @@ public:
     // Preamble text.
     std::unique_ptr<char[]> preambleText; // null when none was read
     int preambleLength = 0;
+    // The writer's text encoding, from the preamble's writer version: 1 for
+    // UTF-8, 0 for the older single-byte text, -1 when the preamble names no
+    // writer.
+    int utf8encoding = -1;
 
     // Options.
     int consistencyMode = 0;

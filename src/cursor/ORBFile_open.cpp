@@ -9,7 +9,6 @@
 #include "base.h"
 #include "ORBFile.h"
 
-std::atomic<int> utf8encoding{0};
 
 namespace {
 
@@ -119,7 +118,7 @@ int ORBFile::readPreamble()
     // The writer's version: "NVEB1.<major>." - writers above 5 write UTF-8.
     if (const char* token = std::strstr(preambleText.get(), "NVEB1.")) {
         long major = std::strtol(token + 6, nullptr, 10);
-        utf8encoding.store(major > 5 ? 1 : 0);
+        utf8encoding = major > 5 ? 1 : 0;
     }
     return 0;
 }
