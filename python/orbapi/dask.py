@@ -24,6 +24,7 @@ import os
 from typing import Sequence
 
 from ._facts import EMPTY_RECORDING  # a recording without items: empty tables, fully typed
+from ._select import sample_columns
 
 
 def _dd():
@@ -34,11 +35,14 @@ def _dd():
     return dd
 
 
-def read_samples(paths: Sequence, **read_options):
+def read_samples(paths: Sequence, *, columns: Sequence[str] | str | None = None, **read_options):
     """The samples of every recording, one partition per recording.
 
     ``read_options`` are those of :func:`orbapi.read` (``velocities=True``
     adds the velocity columns, ``camera=True`` the camera values, ...).
+    ``columns`` picks columns, in the order given, behind ``file`` (see
+    :func:`orbapi.read_many`); an unknown name raises ValueError at once.
+    The columns are those of pandas: a missing value is NaN.
 
     Example::
 
@@ -47,7 +51,7 @@ def read_samples(paths: Sequence, **read_options):
         2
         >>> s.gaze_x_left.mean().compute()  # doctest: +SKIP
     """
-    return _frame("samples", paths, read_options)
+    return _frame("samples", paths, read_options, columns=sample_columns(columns, read_options))
 
 
 def read_events(paths: Sequence, **read_options):
@@ -98,7 +102,7 @@ def read_trials(paths: Sequence, *, variables=None, **read_options):
     return _frame("trials", paths, read_options, variables)
 
 
-def _frame(table, paths, read_options, variables=None):
+def _frame(table, paths, read_options, variables=None, columns=None):
     dd = _dd()
     labels = [_label(p) for p in paths]
     if not labels:
@@ -107,6 +111,8 @@ def _frame(table, paths, read_options, variables=None):
     if variables is not None:
         options["variables"] = list(variables)
     meta = meta_frame(table, labels, options, variables)
+    if columns is not None:
+        meta = meta[["file", *columns]]
     part = _ReadTable(table, labels, options, meta)
     return dd.from_map(part, list(range(len(labels))), meta=meta, enforce_metadata=False, label=f"orb-{table}")
 
