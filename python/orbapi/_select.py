@@ -1,10 +1,10 @@
-"""Choosing columns of the samples by name, for the readers of many
-recordings (``columns=`` of read_many, to_parquet, convert and the Dask
-readers; ``orb convert --columns``).
+"""Choosing columns by name, for the readers of many recordings
+(``columns=`` of read_many, to_parquet and convert for the samples, of the
+Dask readers for their table; ``orb convert --columns``).
 
-A name is a column of the samples as :func:`orbapi.read` gives them with
-the same options, or a short form standing for several: ``gaze`` (gaze x
-and y of both eyes), ``pupil`` (the pupil size of both eyes), or the stem
+A name is a column of the table as :func:`orbapi.read` gives it with the
+same options, or a short form standing for several: ``gaze`` (gaze x and y
+of both eyes) and ``pupil`` (the pupil size of both eyes) of samples, or the stem
 of an eye pair or a numbered member (``gaze_x`` for ``gaze_x_left`` and
 ``gaze_x_right``, ``extra_data`` for ``extra_data_0`` .. ``extra_data_7``).
 The columns come in the order named, a short form's in the order of the
@@ -36,8 +36,13 @@ def sample_columns(columns: Iterable[str] | str | None, read_options: Mapping[st
     """
     if columns is None:
         return None
+    return pick(columns, known_columns(read_options), "samples")
+
+
+def pick(columns: Iterable[str] | str, known: list[str], table: str) -> list[str]:
+    """The columns of `known` (those of `table`, in its order) that
+    `columns` names, in the order named (a text: names between commas)."""
     names = [c.strip() for c in columns.split(",")] if isinstance(columns, str) else list(columns)
-    known = known_columns(read_options)
     stems: dict[str, list[str]] = {}
     for c in known:
         m = _PART.match(c)
@@ -52,13 +57,13 @@ def sample_columns(columns: Iterable[str] | str | None, read_options: Mapping[st
         else:
             parts = [stems.get(s) for s in SHORT.get(name, (name,))]
             if not all(parts):
-                short = ", ".join(sorted(set(SHORT) | set(stems)))
-                raise ValueError(f"unknown column {name!r} of samples; the columns are {', '.join(known)}; "
-                                 f"the short forms {short}")
+                short = sorted((set(SHORT) if table == "samples" else set()) | set(stems))
+                also = f"; the short forms {', '.join(short)}" if short else ""
+                raise ValueError(f"unknown column {name!r} of {table}; the columns are {', '.join(known)}{also}")
             picks = [c for c in known if any(c in p for p in parts)]
         out += [c for c in picks if c not in out]
     if not out:
-        raise ValueError("no columns named; name at least one column of samples")
+        raise ValueError(f"no columns named; name at least one column of {table}")
     return out
 
 

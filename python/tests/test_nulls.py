@@ -204,5 +204,10 @@ def test_dask_samples_take_columns(paths):
     computed = frame.compute(scheduler="sync").reset_index(drop=True)
     whole = orbapi.read_many(paths).samples[list(frame.columns)]
     pd.testing.assert_frame_equal(computed, whole, check_categorical=False)
-    with pytest.raises(ValueError, match="unknown column 'gazes'"):
+    with pytest.raises(ValueError, match="unknown column 'gazes' of samples"):
         orbapi.dask.read_samples(paths, columns=["gazes"])
+    trials = orbapi.dask.read_trials(paths, variables={"difficulty": "float64"}, columns="difficulty,trial")
+    assert list(trials.columns) == ["file", "difficulty", "trial"]
+    assert trials.compute(scheduler="sync").difficulty.notna().all()
+    with pytest.raises(ValueError, match="unknown column 'text' of events; the columns are time, type"):
+        orbapi.dask.read_events(paths, columns=["time", "text"])
