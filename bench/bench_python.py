@@ -33,7 +33,10 @@ def generate(path: str, seconds: float) -> str:
     src = os.path.join(ROOT, "bench", "make_synthetic.cpp")
     if not os.path.exists(exe) or os.path.getmtime(exe) < os.path.getmtime(src):
         os.makedirs(os.path.dirname(exe), exist_ok=True)
-        subprocess.run(["g++", "-O2", "-std=c++17", "-I", os.path.join(ROOT, "tests"), "-I", os.path.join(ROOT, "src"),
+        # The library's headers lie in the folders of its stages below src.
+        stages = sorted(d for d, _, _ in os.walk(os.path.join(ROOT, "src")))
+        subprocess.run(["g++", "-O2", "-std=c++17", "-I", os.path.join(ROOT, "tests"),
+                        *(f"-I{d}" for d in stages),
                         "-I", os.path.join(ROOT, "include"), "-I", os.path.join(ROOT, "bench"),
                         src, "-o", exe, "-lz"], check=True)
     out = subprocess.run([exe, path, str(seconds), "1000", "3"], check=True,

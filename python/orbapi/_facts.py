@@ -17,6 +17,7 @@ from ._core import (  # noqa: F401 - handed on to the modules
     MESSAGE,
     MISSING_POSITION,
     MISSING_VALUE,
+    MISSING_WORD,
     PLACEHOLDER,
     RECORDING,
     SAMPLE,
@@ -25,6 +26,11 @@ from ._core import (  # noqa: F401 - handed on to the modules
 #: The values a recording stores for a missing position, pupil or velocity;
 #: read() turns them into NaN unless asked to keep them.
 MISSING = (MISSING_POSITION, MISSING_VALUE)
+
+#: The samples' integer columns that store a marker for a missing value, and
+#: the marker as the column reads it (extra_type is signed).  read() keeps
+#: them, integers having no NaN; Arrow and polars make them null.
+MISSING_WORDS = {"status": MISSING_WORD, "input": MISSING_WORD, "extra_type": MISSING_WORD - 65536}
 
 #: The eyes of a block (the ``eyes`` column of blocks) by their bits, and
 #: the bits by the names.

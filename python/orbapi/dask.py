@@ -24,6 +24,7 @@ import os
 from typing import Sequence
 
 from ._facts import EMPTY_RECORDING  # a recording without items: empty tables, fully typed
+from ._select import pick
 
 
 def _dd():
@@ -34,11 +35,15 @@ def _dd():
     return dd
 
 
-def read_samples(paths: Sequence, **read_options):
+def read_samples(paths: Sequence, *, columns: Sequence[str] | str | None = None, **read_options):
     """The samples of every recording, one partition per recording.
 
     ``read_options`` are those of :func:`orbapi.read` (``velocities=True``
     adds the velocity columns, ``camera=True`` the camera values, ...).
+    ``columns`` picks columns, in the order given, behind ``file`` (see
+    :func:`orbapi.read_many`); an unknown name raises ValueError at once.
+    Every reader here takes ``columns`` for its table.  The partitions are
+    pandas frames: a missing value is NaN, as in :func:`orbapi.read`.
 
     Example::
 
@@ -47,10 +52,10 @@ def read_samples(paths: Sequence, **read_options):
         2
         >>> s.gaze_x_left.mean().compute()  # doctest: +SKIP
     """
-    return _frame("samples", paths, read_options)
+    return _frame("samples", paths, read_options, columns=columns)
 
 
-def read_events(paths: Sequence, **read_options):
+def read_events(paths: Sequence, *, columns: Sequence[str] | str | None = None, **read_options):
     """The events (every item but samples, messages and block markers
     themselves) of every recording, one partition per recording.
 
@@ -59,10 +64,10 @@ def read_events(paths: Sequence, **read_options):
         >>> ev = orbapi.dask.read_events(paths)
         >>> ev[ev.type == 8].groupby("file", observed=True).size().compute()  # doctest: +SKIP
     """
-    return _frame("events", paths, read_options)
+    return _frame("events", paths, read_options, columns=columns)
 
 
-def read_messages(paths: Sequence, **read_options):
+def read_messages(paths: Sequence, *, columns: Sequence[str] | str | None = None, **read_options):
     """The messages of every recording, one partition per recording.
 
     Example::
@@ -70,10 +75,10 @@ def read_messages(paths: Sequence, **read_options):
         >>> m = orbapi.dask.read_messages(paths)
         >>> m[m.text.str.startswith("TRIALID")].compute()  # doctest: +SKIP
     """
-    return _frame("messages", paths, read_options)
+    return _frame("messages", paths, read_options, columns=columns)
 
 
-def read_trials(paths: Sequence, *, variables=None, **read_options):
+def read_trials(paths: Sequence, *, variables=None, columns: Sequence[str] | str | None = None, **read_options):
     """The trials of every recording, one partition per recording.
 
     ``variables`` names the trial variables to take from the messages, as in
@@ -95,10 +100,10 @@ def read_trials(paths: Sequence, *, variables=None, **read_options):
         )
     if variables is not None:
         variables = {v: "object" for v in variables} if not isinstance(variables, dict) else dict(variables)
-    return _frame("trials", paths, read_options, variables)
+    return _frame("trials", paths, read_options, variables, columns)
 
 
-def _frame(table, paths, read_options, variables=None):
+def _frame(table, paths, read_options, variables=None, columns=None):
     dd = _dd()
     labels = [_label(p) for p in paths]
     if not labels:
@@ -107,6 +112,8 @@ def _frame(table, paths, read_options, variables=None):
     if variables is not None:
         options["variables"] = list(variables)
     meta = meta_frame(table, labels, options, variables)
+    if columns is not None:
+        meta = meta[["file", *pick(columns, [c for c in meta.columns if c != "file"], table)]]
     part = _ReadTable(table, labels, options, meta)
     return dd.from_map(part, list(range(len(labels))), meta=meta, enforce_metadata=False, label=f"orb-{table}")
 

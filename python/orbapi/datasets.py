@@ -15,7 +15,9 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Callable, Sequence
 
+from . import _arrow
 from ._optional import require
+from ._select import sample_columns, select
 from .many import LogCapture, expand_paths, output_names, reason, run_threads
 
 #: The tables a conversion writes (those of orbapi.read() but the three
@@ -84,6 +86,7 @@ def to_parquet(
     *,
     jobs: int | None = None,
     tables: Sequence[str] = TABLES,
+    columns: Sequence[str] | str | None = None,
     progress: Callable[[Progress], None] | None = None,
     **read_options,
 ) -> ConvertResult:
@@ -92,8 +95,11 @@ def to_parquet(
     ``out_dir/samples/``, ``out_dir/events/``, ... each hold one Parquet
     file per recording (named after it), with the columns of
     :func:`orbapi.read` and a ``file`` column (dictionary of strings) naming
-    the recording.  pandas, polars, DuckDB, Spark, R (arrow) and MATLAB
-    read each folder as one table.  Recordings that cannot be read are
+    the recording.  A missing value is null (as ``Recording.to_arrow``
+    gives it), which the readers skip in aggregates.  pandas, polars,
+    DuckDB, Spark, R (arrow) and MATLAB read each folder as one table.
+    ``columns`` picks the columns of samples, in the order given (see
+    :func:`orbapi.read_many`; ``file`` stays in front).  Recordings that cannot be read are
     skipped and listed in the result's ``failed`` with the library's
     reason; the others are written.  ``jobs`` threads read and write
     (default: one per processor).  ``read_options`` are those of
@@ -106,7 +112,8 @@ def to_parquet(
         {}
         >>> pd.read_parquet("study-parquet/fixations")  # doctest: +SKIP
     """
-    return convert(paths, out_dir, format="parquet", jobs=jobs, tables=tables, progress=progress, **read_options)
+    return convert(paths, out_dir, format="parquet", jobs=jobs, tables=tables, columns=columns, progress=progress,
+                   **read_options)
 
 
 def convert(
@@ -116,6 +123,7 @@ def convert(
     format: str = "parquet",
     jobs: int | None = None,
     tables: Sequence[str] = TABLES,
+    columns: Sequence[str] | str | None = None,
     progress: Callable[[Progress], None] | None = None,
     **read_options,
 ) -> ConvertResult:
@@ -125,10 +133,13 @@ def convert(
     :func:`to_parquet`), ``"csv"`` or ``"tsv"`` (``out_dir/TABLE/NAME.csv``,
     one file per recording and table, with a header line, missing values
     empty), or ``"fif"`` (``out_dir/NAME_raw.fif``, one file per recording,
-    through :func:`orbapi.toolkits.mne.write_fif`; ``tables`` does not apply).
-    A folder among ``paths`` stands for every ``.orb`` file below it.
+    through :func:`orbapi.toolkits.mne.write_fif`; ``tables`` and
+    ``columns`` do not apply).  A missing value is null in Parquet and an
+    empty field in CSV and TSV; with ``sentinels=True`` the stored markers
+    are written as stored.  ``columns`` picks the columns of samples (see
+    :func:`orbapi.read_many`).  A folder among ``paths`` stands for every ``.orb`` file below it.
     Failures of single recordings are collected in the result, not raised;
-    a bad ``format`` or table name raises ``ValueError``, a missing
+    a bad ``format``, table or column name raises ``ValueError``, a missing
     optional package ``ImportError``.
 
     Example::
@@ -143,6 +154,9 @@ def convert(
     unknown = [t for t in tables if t not in TABLES]
     if unknown or not tables:
         raise ValueError(f"unknown table {', '.join(unknown) or '(none)'}; choose from {', '.join(TABLES)}")
+    if format == "fif" and columns is not None:
+        raise ValueError("columns do not apply to the FIF format (it holds the channels MNE takes)")
+    chosen = sample_columns(columns, read_options)
     writer = _FifWriter() if format == "fif" else _TableWriter(format, tables)
     from .recording import read
 
@@ -159,7 +173,7 @@ def convert(
         written = []
         capture.watch()
         try:
-            rec = read(path, **read_options)
+            rec = select(read(path, **read_options), chosen)
             lines = capture.take()
             rows = writer.write(rec, path, names[i], out, written)
             del rec
@@ -255,7 +269,8 @@ class _TableWriter:
         rows = {}
         label = os.fspath(path)
         for t in self.tables:
-            table = _with_file_column(_arrow_table(rec.columns(t)), label)
+            words = t == "samples" and not rec.sentinels
+            table = _with_file_column(_arrow.table(rec.columns(t), words=words, declare=True), label)
             rows[t] = table.num_rows
             if t == "trials":
                 with self.lock:
@@ -296,16 +311,6 @@ PARQUET_OPTIONS = dict(
 )
 
 
-def _arrow_table(columns):
-    """A pyarrow Table over numpy ``columns`` (not copied).  Columns without
-    nulls are declared so, which makes them cheaper to write and read."""
-    import pyarrow as pa
-
-    arrays = [pa.array(v) for v in columns.values()]
-    fields = [pa.field(n, a.type, nullable=a.null_count > 0) for n, a in zip(columns, arrays)]
-    return pa.Table.from_arrays(arrays, schema=pa.schema(fields))
-
-
 def _with_file_column(table, label: str):
     """``table`` with a first column ``file``: ``label`` on every row, as a
     dictionary of strings."""
@@ -320,16 +325,13 @@ def _with_file_column(table, label: str):
 
 
 def _for_text(table):
-    """The table as a text file wants it: NaN written as an empty field,
-    dictionaries as plain strings."""
+    """The table as a text file wants it: dictionaries as plain strings
+    (a missing value, null, is written as an empty field)."""
     import pyarrow as pa
-    import pyarrow.compute as pc
 
     columns = []
     for col in table.columns:
-        if pa.types.is_floating(col.type):
-            col = pc.if_else(pc.is_nan(col), pa.scalar(None, col.type), col)
-        elif pa.types.is_dictionary(col.type):
+        if pa.types.is_dictionary(col.type):
             col = col.cast(col.type.value_type)
         columns.append(col)
     return pa.table(columns, names=table.column_names)

@@ -193,7 +193,7 @@ def run_threads(items: Sequence, work: Callable, jobs: int | None, on_done: Call
 # read_many
 
 
-def read_many(paths, *, jobs: int | None = None, **read_options):
+def read_many(paths, *, jobs: int | None = None, columns: Sequence[str] | str | None = None, **read_options):
     """Reads several recordings into one :class:`~orbapi.Recording`.
 
     Every table holds the rows of the first recording, then those of the
@@ -204,6 +204,12 @@ def read_many(paths, *, jobs: int | None = None, **read_options):
     and apply to every recording.  ``info["recordings"]`` holds the
     ``info`` of each recording, ``info["files"]`` their paths.
 
+    ``columns`` picks the columns of the samples, in the order given
+    (``"file"`` stays in front): names of :func:`orbapi.read`'s samples or
+    the short forms ``gaze`` and ``pupil`` (both eyes' x and y, both
+    eyes' size) and stems such as ``gaze_x``; an unknown name raises
+    ValueError naming the known ones, before any file is read.
+
     Raises what :func:`orbapi.read` raises for the first recording that
     fails: ``FileNotFoundError``, or :class:`~orbapi.OrbError` whose text
     starts with the path (``e.path``) and whose ``e.reason`` is the
@@ -213,15 +219,19 @@ def read_many(paths, *, jobs: int | None = None, **read_options):
 
         >>> rec = orbapi.read_many(sorted(Path("study").glob("*.orb")), jobs=4)
         >>> rec.fixations.groupby("file", observed=True)["duration"].mean()
+        >>> orbapi.read_many(paths, columns=["time", "gaze", "trial"]).samples.columns[1:]
+        Index(['time', 'gaze_x_left', 'gaze_x_right', 'gaze_y_left', 'gaze_y_right', 'trial'], dtype='object')
     """
     from ._core import OrbError
+    from ._select import sample_columns, select
     from .recording import read
 
     labels = [_label(p) for p in paths]
+    chosen = sample_columns(columns, read_options)
 
     def work(i, path):
         try:
-            return read(path, **read_options)
+            return select(read(path, **read_options), chosen)
         except OrbError as e:
             err = type(e)(f"{labels[i]}: {reason(e)}")
             err.reason, err.path = getattr(e, "reason", str(e)), labels[i]
@@ -255,4 +265,4 @@ def _combine(recordings, labels):
         rows = [len(next(iter(r.columns(table).values()), ())) for r in recordings]
         columns["file"] = pd.Categorical.from_codes(np.repeat(code, rows), categories=categories)
         tables[table] = columns
-    return Recording(tables, merged.info, None)
+    return Recording(tables, merged.info, None, sentinels=merged.sentinels)

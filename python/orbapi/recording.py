@@ -7,7 +7,7 @@ from typing import Any
 
 import numpy as np
 
-from . import _core
+from . import _arrow, _core
 from ._facts import EBLINK, EFIX, ESACC, EYES_OF_MASK, MESSAGE
 from ._optional import require
 from ._source import Source, resolve
@@ -56,7 +56,9 @@ def read(path: Source, *, consistency: int = 0, events: bool = True, samples: bo
     flags = (_core.VELOCITIES if velocities else 0) | (_core.CAMERA if camera else 0)
     cols = _core.read_columns(fpath, data, int(consistency), bool(events), bool(samples), flags,
                               trial_start, trial_end, bool(sentinels))
-    return Recording._from_columns(cols, variables=variables, prefix=variable_prefix, path=name)
+    rec = Recording._from_columns(cols, variables=variables, prefix=variable_prefix, path=name)
+    rec.sentinels = bool(sentinels)
+    return rec
 
 
 class Recording:
@@ -78,7 +80,7 @@ class Recording:
     ``info`` is a dict of facts about the file, ``path`` the file it was
     read from (None for bytes). ``columns(table)`` gives the numpy arrays
     themselves; ``to_arrow()`` and ``to_polars()`` give every table in
-    those libraries.
+    those libraries, a missing value there as null (see ``to_arrow``).
 
     Example::
 
@@ -87,12 +89,14 @@ class Recording:
     """
 
     def __init__(self, tables: Mapping[str, Columns], info: Mapping[str, Any] | None = None,
-                 path: str | None = None):
+                 path: str | None = None, *, sentinels: bool = False):
         self._tables: dict[str, Columns] = {name: dict(tables.get(name, {})) for name in TABLES}
         #: Facts about the recording (see :func:`orbapi.read`).
         self.info: dict[str, Any] = dict(info or {})
         #: The file the recording was read from; None when read from bytes.
         self.path: str | None = path
+        #: Whether the stored missing markers were kept (``read(sentinels=True)``).
+        self.sentinels: bool = bool(sentinels)
         self._frames: dict[str, Any] = {}
 
     # -- building -----------------------------------------------------------
@@ -149,7 +153,7 @@ class Recording:
                                           for p, n in zip(parts, rows)])
             tables[table] = cols
         info = {"recordings": [r.info for r in recs], "files": list(names)}
-        return cls(tables, info, None)
+        return cls(tables, info, None, sentinels=bool(recs) and all(r.sentinels for r in recs))
 
     @classmethod
     def _from_columns(cls, cols, *, variables, prefix, path) -> "Recording":
@@ -273,14 +277,24 @@ class Recording:
         return self._frame("blinks")
 
     def to_arrow(self) -> dict[str, Any]:
-        """Every table as a pyarrow Table (numeric columns not copied; NaN
-        stays NaN). Example: ``pq.write_table(rec.to_arrow()["samples"], p)``"""
-        pa = require("pyarrow", "arrow")
-        return {name: pa.table({c: pa.array(v) for c, v in cols.items()})
-                for name, cols in self._tables.items()}
+        """Every table as a pyarrow Table, numeric columns not copied.
+
+        A missing value is null: the NaN of the float columns, and the
+        stored markers of the samples' ``status``, ``input`` and
+        ``extra_type``.  Read with ``sentinels=True``, the markers stay as
+        stored. Example: ``pq.write_table(rec.to_arrow()["samples"], p)``"""
+        return {name: self.arrow_table(name) for name in TABLES}
+
+    def arrow_table(self, table: str = "samples"):
+        """One table as :meth:`to_arrow` gives it.
+        Example: ``rec.arrow_table("fixations").column("duration")``"""
+        if table not in TABLES:
+            raise ValueError(f"unknown table {table!r}; the tables are {', '.join(TABLES)}")
+        return _arrow.table(self._tables[table], words=table == "samples" and not self.sentinels)
 
     def to_polars(self) -> dict[str, Any]:
-        """Every table as a polars DataFrame.
+        """Every table as a polars DataFrame, a missing value as null (see
+        :meth:`to_arrow`).
         Example: ``rec.to_polars()["samples"].filter(pl.col("trial") == 3)``"""
         pl = require("polars", "polars")
         require("pyarrow", "arrow")

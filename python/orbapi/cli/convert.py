@@ -12,6 +12,7 @@ import threading
 import time
 
 from .. import datasets
+from .._select import sample_columns
 from ..many import LogCapture, expand_paths
 from ._common import EXIT_FAILED, EXIT_OK, UsageError, add_consistency, add_files, error, number
 
@@ -22,14 +23,23 @@ examples:
       every .orb file below data/ to out/samples/, out/events/, ... (Parquet)
   orb convert s01.orb s02.orb -o out/ --tables samples,trials --velocities --variables all --jobs 2
   orb convert data/*.orb -o csv/ --format csv --consistency 2
+  orb convert data/ -o out/ --tables samples,trials --columns time,gaze,pupil,block,trial
+      samples with time, gaze x/y and pupil size of both eyes, block and trial
 
 Parquet: one folder per table, one file per recording in it, so each folder
 is one dataset: pandas.read_parquet("out/samples"), polars.scan_parquet(
 "out/samples/*.parquet"), DuckDB "SELECT * FROM 'out/samples/*.parquet'",
 R arrow::open_dataset("out/samples"), MATLAB parquetDatastore("out/samples").
-CSV and TSV: out/TABLE/NAME.csv, one file per recording and table, missing
-values empty.  Every table has a 'file' column naming the recording; the
-other columns are those of orbapi.read().
+CSV and TSV: out/TABLE/NAME.csv, one file per recording and table.  Every
+table has a 'file' column naming the recording; the other columns are those
+of orbapi.read(), or of samples those --columns names, in that order: column
+names, or the short forms gaze (x and y of both eyes), pupil (the size of
+both eyes) and stems such as gaze_x (gaze_x_left, gaze_x_right).
+
+A missing value (a lost eye, a blink) is null in Parquet, which readers
+skip in aggregates, and an empty field in CSV and TSV; the same holds for
+the markers of status, input and extra_type.  --sentinels writes the
+markers the recording stores instead (-32768, 100000000, 32768).
 
 Trial variables are the messages 'KEY VALUE' inside a trial; for an
 experiment that wrote them behind a fixed text, give that text as
@@ -80,6 +90,13 @@ def configure(parser):
         help=f"tables to write (default all: {','.join(datasets.TABLES)})",
     )
     parser.add_argument(
+        "--columns",
+        default=None,
+        metavar="C,C,...",
+        help="columns of samples to write, in this order (default all): names as in orbapi.read(), or the "
+        "short forms gaze, pupil and stems such as gaze_x; e.g. time,gaze,pupil,block,trial",
+    )
+    parser.add_argument(
         "--variables",
         type=_variables,
         default=None,
@@ -96,6 +113,9 @@ def configure(parser):
     )
     parser.add_argument("--velocities", action="store_true", help="add the 24 velocity columns to samples")
     parser.add_argument("--camera", action="store_true", help="add the raw pupil and CR camera values to samples")
+    parser.add_argument(
+        "--sentinels", action="store_true", help="write the stored markers of missing values instead of nulls"
+    )
     add_consistency(parser, 0)
     parser.add_argument(
         "--jobs",
@@ -199,10 +219,16 @@ def run(args) -> int:
         raise UsageError(f"{args.output} exists and is not a folder")
     if args.format == "fif" and args.tables is not None:
         raise UsageError("--tables does not apply to --format fif (one file per recording)")
+    if args.format == "fif" and args.columns is not None:
+        raise UsageError("--columns does not apply to --format fif (one file per recording)")
     options = dict(
         consistency=args.consistency, velocities=args.velocities, camera=args.camera, variables=args.variables,
-        variable_prefix=args.variable_prefix,
+        variable_prefix=args.variable_prefix, sentinels=args.sentinels,
     )
+    try:
+        columns = sample_columns(args.columns, options)
+    except ValueError as e:
+        raise UsageError(str(e))
     bar = _ProgressBar(paths, sys.stderr) if sys.stderr.isatty() else None
 
     def progress(p):
@@ -219,6 +245,7 @@ def run(args) -> int:
                 format=args.format,
                 jobs=args.jobs,
                 tables=args.tables or datasets.TABLES,
+                columns=columns,
                 progress=progress,
                 **options,
             )
