@@ -1090,6 +1090,18 @@ void expectWindowsAndColumnsOfWhole(const std::string& path, const ReadArgs& a)
         expectRunOfWhole(part, whole, table, 0);
     }
     orb_free_columns(part);
+
+    // Without the columns the reader completes samples by (time, flags and
+    // where the row lies), the others keep their values.
+    const char* const bare[] = {"status", "gaze_x_right", nullptr};
+    o = optionsFor(a);
+    o.columns[ORB_TABLE_SAMPLES] = bare;
+    part = orb_read(path.c_str(), &o, &err);
+    ASSERT_NE(part, nullptr);
+    EXPECT_EQ(orb_columns_count(part, ORB_TABLE_SAMPLES), 2);
+    EXPECT_EQ(orb_columns_rows(part, ORB_TABLE_SAMPLES), orb_columns_rows(whole, ORB_TABLE_SAMPLES));
+    expectRunOfWhole(part, whole, ORB_TABLE_SAMPLES, 0);
+    orb_free_columns(part);
     orb_free_columns(whole);
 }
 
