@@ -359,8 +359,9 @@ ORBAPI_EXPORT _ORBFILE *orb_open_memory(const void *data, size_t size,
                                         int consistency, int loadevents,
                                         int loadsamples, int *errval);
 
-/* Why the last orb_open_file, orb_open_memory, orb_read_columns or
- * orb_read_columns_memory called on this thread failed: the lines the
+/* Why the last orb_open_file, orb_open_memory, orb_read_columns,
+ * orb_read_columns_memory, orb_read, orb_read_memory or orb_read_open
+ * called on this thread failed: the lines the
  * library logged during that call, in order, exactly as the log function
  * received them (for example "Bad magic.  Corrupt orb file. \n...").  The
  * lines are kept whether or not a log function is set.  Should they pass a
