@@ -10,6 +10,10 @@
 // peak resident memory it reached over what the process held before
 // (allowed: the columns plus 64 MiB).
 //
+// Also: the seven columns most analyses want, beside the floor of writing
+// just those into fresh memory; and from a recording opened once, the
+// whole read beside ten-second windows.
+//
 // ORBAPI_BENCH_SECONDS shortens the recording (default 3600).
 #include <sys/mman.h>
 
@@ -63,10 +67,23 @@ size_t columnBytes(const ORB_COLUMNS* c)
 // little ahead of it, as the reader does; and by two threads at once, each
 // writing columns of its own, as two reads at once do (the rate counts
 // both).
-size_t columnBytesOfRead(int flags)
+// The columns most analyses want: time, gaze and pupil of both eyes.
+const char* const kSevenColumns[] = {"time",           "gaze_x_left",     "gaze_y_left",      "gaze_x_right",
+                                     "gaze_y_right",   "pupil_size_left", "pupil_size_right", nullptr};
+
+ORB_READ_OPTIONS readOptions(int flags, const char* const* sampleColumns)
 {
-    ORB_COLUMNS* c = orb_read_columns(files().plain.path.c_str(), 0, 1, 1, flags, nullptr, nullptr, nullptr,
-                                      nullptr, nullptr);
+    ORB_READ_OPTIONS o;
+    orb_read_options_init(&o);
+    o.flags = flags;
+    o.columns[ORB_TABLE_SAMPLES] = sampleColumns;
+    return o;
+}
+
+size_t columnBytesOfRead(int flags, const char* const* sampleColumns = nullptr)
+{
+    const ORB_READ_OPTIONS o = readOptions(flags, sampleColumns);
+    ORB_COLUMNS* c = orb_read(files().plain.path.c_str(), &o, nullptr);
     const size_t n = c ? columnBytes(c) : 0;
     orb_free_columns(c);
     return n;
@@ -104,9 +121,9 @@ bool writeFreshMemory(size_t bytes, bool helped)
 
 enum class Writers { One, OneHelped, Two };
 
-void freshColumns(benchmark::State& state, int flags, Writers writers)
+void freshColumns(benchmark::State& state, int flags, Writers writers, const char* const* sampleColumns = nullptr)
 {
-    const size_t bytes = columnBytesOfRead(flags);
+    const size_t bytes = columnBytesOfRead(flags, sampleColumns);
     const int count = writers == Writers::Two ? 2 : 1;
     for (auto _ : state) {
         std::atomic<bool> ok{true};
@@ -129,6 +146,12 @@ void freshColumns(benchmark::State& state, int flags, Writers writers)
 
 void BM_FloorFreshColumns(benchmark::State& state) { freshColumns(state, 0, Writers::One); }
 BENCHMARK(BM_FloorFreshColumns)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_FloorFreshSevenColumnsHelped(benchmark::State& state)
+{
+    freshColumns(state, 0, Writers::OneHelped, kSevenColumns);
+}
+BENCHMARK(BM_FloorFreshSevenColumnsHelped)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_FloorFreshColumnsHelped(benchmark::State& state) { freshColumns(state, 0, Writers::OneHelped); }
 BENCHMARK(BM_FloorFreshColumnsHelped)->Unit(benchmark::kMillisecond)->UseRealTime();
@@ -343,14 +366,16 @@ void BM_FloorDecodeStraight(benchmark::State& state)
 }
 BENCHMARK(BM_FloorDecodeStraight)->Unit(benchmark::kMillisecond);
 
-void columnsBenchmark(benchmark::State& state, const SyntheticRecording& r, int flags)
+void columnsBenchmark(benchmark::State& state, const SyntheticRecording& r, int flags,
+                      const char* const* sampleColumns = nullptr)
 {
     double peak = 0, held = 0;
+    const ORB_READ_OPTIONS o = readOptions(flags, sampleColumns);
     for (auto _ : state) {
         resetPeakRss();
         const double before = peakRssBytes();
         int err = 0;
-        ORB_COLUMNS* c = orb_read_columns(r.path.c_str(), 0, 1, 1, flags, nullptr, nullptr, nullptr, nullptr, &err);
+        ORB_COLUMNS* c = orb_read(r.path.c_str(), &o, &err);
         if (!c || orb_columns_rows(c, ORB_TABLE_SAMPLES) != r.samples) {
             state.SkipWithError(c ? "not every sample was read" : orb_get_last_error());
             orb_free_columns(c);
@@ -368,6 +393,58 @@ void columnsBenchmark(benchmark::State& state, const SyntheticRecording& r, int 
 
 void BM_ColumnsPlain(benchmark::State& state) { columnsBenchmark(state, files().plain, 0); }
 BENCHMARK(BM_ColumnsPlain)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_ColumnsPlainSeven(benchmark::State& state) { columnsBenchmark(state, files().plain, 0, kSevenColumns); }
+BENCHMARK(BM_ColumnsPlainSeven)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// From a recording opened once (not timed): the whole read, and windows of
+// ten seconds spread over the recording, one after another.
+void fromHandle(benchmark::State& state, bool window)
+{
+    const SyntheticRecording& r = files().plain;
+    int err = 0;
+    _ORBFILE* f = orb_open_file(r.path.c_str(), 0, 1, 1, &err);
+    if (!f) {
+        state.SkipWithError(orb_get_last_error());
+        return;
+    }
+    // The time of the first sample, as read.
+    int64_t t0 = 0;
+    {
+        const char* const time[] = {"time", nullptr};
+        const ORB_READ_OPTIONS first = readOptions(0, time);
+        ORB_COLUMNS* c = orb_read_open(f, &first, &err);
+        ORB_COLUMN column{};
+        if (c && orb_columns_find(c, ORB_TABLE_SAMPLES, "time", &column) == 0 && column.data)
+            t0 = *static_cast<const uint32_t*>(column.data);
+        orb_free_columns(c);
+    }
+    ORB_READ_OPTIONS o = readOptions(0, nullptr);
+    o.window = window;
+    const int64_t span = int64_t(r.samples); // ms at 1000 Hz
+    size_t rows = 0;
+    int64_t at = 0;
+    for (auto _ : state) {
+        at = (at + 7919 * 1000) % std::max<int64_t>(span - 10000, 1);
+        o.start = t0 + at;
+        o.end = o.start + 10000;
+        ORB_COLUMNS* c = orb_read_open(f, &o, &err);
+        if (!c) {
+            state.SkipWithError(orb_get_last_error());
+            break;
+        }
+        rows = orb_columns_rows(c, ORB_TABLE_SAMPLES);
+        orb_free_columns(c);
+    }
+    orb_close_file(f);
+    state.counters["sample_rows"] = double(rows);
+}
+
+void BM_HandleWhole(benchmark::State& state) { fromHandle(state, false); }
+BENCHMARK(BM_HandleWhole)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_HandleWindow10s(benchmark::State& state) { fromHandle(state, true); }
+BENCHMARK(BM_HandleWindow10s)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_ColumnsPlainVelocities(benchmark::State& state)
 {

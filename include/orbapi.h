@@ -359,8 +359,9 @@ ORBAPI_EXPORT _ORBFILE *orb_open_memory(const void *data, size_t size,
                                         int consistency, int loadevents,
                                         int loadsamples, int *errval);
 
-/* Why the last orb_open_file, orb_open_memory, orb_read_columns or
- * orb_read_columns_memory called on this thread failed: the lines the
+/* Why the last orb_open_file, orb_open_memory, orb_read_columns,
+ * orb_read_columns_memory, orb_read, orb_read_memory or orb_read_open
+ * called on this thread failed: the lines the
  * library logged during that call, in order, exactly as the log function
  * received them (for example "Bad magic.  Corrupt orb file. \n...").  The
  * lines are kept whether or not a log function is set.  Should they pass a
@@ -990,6 +991,90 @@ ORBAPI_EXPORT size_t orb_column_type_size(int type);
  * when there is no such column.  The names are static.  Any thread. */
 ORBAPI_EXPORT int orb_columns_layout(int table, int flags, int i,
                                      ORB_COLUMN *out);
+
+/* ------------------------------------------------------------------------ */
+/* Reading with options: chosen columns, a time window                      */
+/* ------------------------------------------------------------------------ */
+
+/* What orb_read, orb_read_memory and orb_read_open read.  Fill it with
+ * orb_read_options_init and then set the members wanted: later versions of
+ * the library add members at the end only, and tell them apart by `size`,
+ * so a caller built against this header keeps working with them. */
+typedef struct ORB_READ_OPTIONS {
+    size_t size;            /* sizeof(ORB_READ_OPTIONS) as the caller was
+                               built; smaller than this version's first
+                               size is refused                               */
+    int consistency;        /* as orb_open_file; not used by orb_read_open   */
+    int loadevents;         /* as orb_open_file; not used by orb_read_open   */
+    int loadsamples;        /* as orb_open_file; not used by orb_read_open   */
+    int flags;              /* ORB_COLUMNS_VELOCITIES, ORB_COLUMNS_CAMERA:
+                               the columns there are to choose from          */
+    const char *trial_start; /* trial identifiers as orb_read_columns; not
+                               used by orb_read_open (the handle's are)      */
+    const char *trial_end;
+    orb_progress_function progress; /* may be NULL                           */
+    void *user;             /* handed to `progress`                          */
+    /* The columns wanted of each table (by ORB_TABLE_*): a NULL-terminated
+     * list of names, made in that order; NULL for every column of the
+     * layout (orb_columns_layout).  A velocity or camera column can be
+     * named only with its flag.  Only the named columns get memory, and the
+     * velocities and camera values are computed only when one of theirs is
+     * named.  The lists are read during the call only. */
+    const char *const *columns[4];
+    /* A time window: when `window` is nonzero, only the stretch of the
+     * time-ordered index from the first item whose time is at or after
+     * `start` to the first item whose time is at or after `end` (times in
+     * ms as the records hand them out, i.e. after the time adjustment) is
+     * read.  Every table then holds the rows of the items of that stretch
+     * that the whole read has, bit for bit the same rows (velocities, block
+     * and trial numbers included, message_offset aside, which counts in
+     * the window's own text); the trials table holds the trials that start
+     * in the stretch.  A window outside the recording gives empty tables.
+     * start > end is refused. */
+    int window;
+    int64_t start;
+    int64_t end;
+} ORB_READ_OPTIONS;
+
+/* Sets *options to the defaults: size sizeof(ORB_READ_OPTIONS), consistency
+ * 0, loadevents and loadsamples 1, no flags, no progress, every column, no
+ * window.  NULL is ignored. */
+ORBAPI_EXPORT void orb_read_options_init(ORB_READ_OPTIONS *options);
+
+/* Reads the recording `fname` into columns as `options` say (NULL: the
+ * defaults of orb_read_options_init).  Returns the columns, or NULL with
+ * *errval (may be NULL):
+ *   -1 the file is refused, or the options are: a size too small, an
+ *      unknown table's or column's name (the reason names the known
+ *      columns), a velocity or camera column without its flag, a column
+ *      named twice, start > end; the reason is in orb_get_last_error();
+ *   -2 the read was cancelled through `progress`;
+ *   -3 memory ran out.
+ * Any thread; calls on two threads run in parallel.  A window from a path
+ * still reads the whole file for its index: read windows from an open
+ * handle (orb_read_open) to pay for the index once. */
+ORBAPI_EXPORT ORB_COLUMNS *orb_read(const char *fname,
+                                    const ORB_READ_OPTIONS *options,
+                                    int *errval);
+
+/* As orb_read, over `size` bytes at `data` (see orb_open_memory).  The bytes
+ * are needed only during the call. */
+ORBAPI_EXPORT ORB_COLUMNS *orb_read_memory(const void *data, size_t size,
+                                           const ORB_READ_OPTIONS *options,
+                                           int *errval);
+
+/* As orb_read, from the recording open at `ef` with its open arguments and
+ * trial identifiers (those of `options` are not used).  The handle keeps
+ * its index: a window is found by a binary search on it and costs time in
+ * proportion to the window's items (and to the recording's event and
+ * block items before it, which set what the window's first rows depend
+ * on).  The handle's position (orb_get_element_index) is kept; the next
+ * orb_get_next_data reads on as after orb_goto_index.  Fails as orb_read,
+ * and with -1 when `ef` is NULL.  Not on a thread that uses `ef` at the
+ * same time. */
+ORBAPI_EXPORT ORB_COLUMNS *orb_read_open(_ORBFILE *ef,
+                                         const ORB_READ_OPTIONS *options,
+                                         int *errval);
 
 #ifdef __cplusplus
 } /* extern "C" */

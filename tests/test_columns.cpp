@@ -460,7 +460,8 @@ void expectColumnsMatchCursor(const std::string& path, const ReadArgs& a)
 // The open arguments that change what is read: each consistency mode, the
 // time adjustment off, and events or samples left out; each with every
 // option and with none (the reader takes the samples another way then).
-void expectEveryReadMatchesCursor(const std::string& path, int tolerant = 0)
+template <class Check>
+void forEveryOpenArgument(int tolerant, Check check)
 {
     const int args[][3] = {{0, 1, 1}, {1, 1, 1}, {2, 1, 1}, {10, 1, 1}, {2, 0, 1}, {0, 1, 0}};
     for (const auto& [consistency, events, samples] : args)
@@ -475,8 +476,32 @@ void expectEveryReadMatchesCursor(const std::string& path, int tolerant = 0)
             a.events = events;
             a.samples = samples;
             a.flags = flags;
-            expectColumnsMatchCursor(path, a);
+            check(a);
         }
+}
+
+void expectEveryReadMatchesCursor(const std::string& path, int tolerant = 0)
+{
+    forEveryOpenArgument(tolerant, [&](const ReadArgs& a) { expectColumnsMatchCursor(path, a); });
+}
+
+// Calls check with a recording shape of every rate, eye and filter model
+// (gaps where both eyes are recorded).
+template <class Check>
+void forEveryRateEyeAndModel(Check check)
+{
+    for (double rate : {250.0, 500.0, 1000.0, 2000.0})
+        for (int eyes : {1, 2, 3})
+            for (bool highSpeed : {false, true}) {
+                SCOPED_TRACE("rate " + std::to_string(rate) + " eyes " + std::to_string(eyes) +
+                             (highSpeed ? " high-speed" : " standard"));
+                Shape s;
+                s.rate = rate;
+                s.eyes = eyes;
+                s.highSpeed = highSpeed;
+                s.gaps = eyes == 3;
+                check(s);
+            }
 }
 
 void quiet(char*) {}
@@ -493,18 +518,7 @@ protected:
 
 TEST_F(Columns, EveryRateEyeAndFilterModelReadsAsTheCursorWalks)
 {
-    for (double rate : {250.0, 500.0, 1000.0, 2000.0})
-        for (int eyes : {1, 2, 3})
-            for (bool highSpeed : {false, true}) {
-                SCOPED_TRACE("rate " + std::to_string(rate) + " eyes " + std::to_string(eyes) +
-                             (highSpeed ? " high-speed" : " standard"));
-                Shape s;
-                s.rate = rate;
-                s.eyes = eyes;
-                s.highSpeed = highSpeed;
-                s.gaps = eyes == 3;
-                expectEveryReadMatchesCursor(writeRecording(s));
-            }
+    forEveryRateEyeAndModel([](const Shape& s) { expectEveryReadMatchesCursor(writeRecording(s)); });
 }
 
 TEST_F(Columns, CompressedTimeOffsetAndTrialIdentifiers)
@@ -865,4 +879,304 @@ TEST_F(Columns, SamplesFromTimeZeroReadAsTheCursorWalks)
                 expectColumnsMatchCursor(path, a);
             }
     }
+}
+
+// ---------------------------------------------------------------------------
+// Chosen columns and time windows
+
+namespace {
+
+ORB_READ_OPTIONS optionsFor(const ReadArgs& a)
+{
+    ORB_READ_OPTIONS o;
+    orb_read_options_init(&o);
+    o.consistency = a.consistency;
+    o.loadevents = a.events;
+    o.loadsamples = a.samples;
+    o.flags = a.flags;
+    return o;
+}
+
+// A column of a read by name, as bytes of `rows` rows from `row`.
+std::string bytesOf(const ORB_COLUMNS* c, int table, const char* name, size_t row, size_t rows)
+{
+    ORB_COLUMN col{};
+    if (orb_columns_find(c, table, name, &col) != 0)
+        return "(no column " + std::string(name) + ")";
+    const size_t size = orb_column_type_size(col.type);
+    if (rows == 0)
+        return {};
+    return std::string(static_cast<const char*>(col.data) + row * size, rows * size);
+}
+
+template <class T>
+const T* valuesOf(const ORB_COLUMNS* c, int table, const char* name)
+{
+    ORB_COLUMN col{};
+    return orb_columns_find(c, table, name, &col) == 0 ? static_cast<const T*>(col.data) : nullptr;
+}
+
+// The first row of `table` of `whole` whose index column is `index`.
+size_t rowOfIndex(const ORB_COLUMNS* whole, int table, int32_t index)
+{
+    const int32_t* at = valuesOf<int32_t>(whole, table, "index");
+    const size_t rows = orb_columns_rows(whole, table);
+    return size_t(std::lower_bound(at, at + rows, index) - at);
+}
+
+// Every shown column of `part`'s table is a run of rows of the same column
+// of `whole` from `from`, bit for bit, with the same name and type.
+void expectRunOfWhole(const ORB_COLUMNS* part, const ORB_COLUMNS* whole, int table, size_t from)
+{
+    const size_t rows = orb_columns_rows(part, table);
+    ASSERT_LE(from + rows, orb_columns_rows(whole, table)) << "table " << table;
+    for (int i = 0; i < orb_columns_count(part, table); ++i) {
+        ORB_COLUMN x{}, y{};
+        orb_columns_column(part, table, i, &x);
+        ASSERT_EQ(orb_columns_find(whole, table, x.name, &y), 0) << x.name;
+        EXPECT_EQ(x.type, y.type) << x.name;
+        if (std::string(x.name) == "message_offset")
+            continue; // counts in the read's own text
+        EXPECT_EQ(bytesOf(part, table, x.name, 0, rows), bytesOf(whole, table, x.name, from, rows))
+            << "table " << table << " column " << x.name << " rows " << from << "+" << rows;
+    }
+    if (table == ORB_TABLE_EVENTS && rows > 0) {
+        size_t n = 0, m = 0;
+        const char* a = orb_columns_text(part, &n);
+        const char* b = orb_columns_text(whole, &m);
+        const uint64_t* offA = valuesOf<uint64_t>(part, table, "message_offset");
+        const uint64_t* offB = valuesOf<uint64_t>(whole, table, "message_offset");
+        const uint32_t* len = valuesOf<uint32_t>(part, table, "message_length");
+        for (size_t r = 0; r < rows; ++r)
+            EXPECT_EQ(std::string(a ? a + offA[r] : "", len[r]), std::string(b ? b + offB[from + r] : "", len[r]));
+    }
+}
+
+// A window read against the whole read of the same arguments: its samples
+// are the whole read's samples of times in [start, end), its other rows
+// the whole read's rows of the index stretch its rows span, value for
+// value; its trials those that start in the stretch.
+void expectWindowOfWhole(const ORB_COLUMNS* part, const ORB_COLUMNS* whole, int64_t start, int64_t end)
+{
+    ASSERT_NE(part, nullptr);
+    const uint32_t* time = valuesOf<uint32_t>(whole, ORB_TABLE_SAMPLES, "time");
+    const size_t all = orb_columns_rows(whole, ORB_TABLE_SAMPLES);
+    size_t first = 0, inside = 0;
+    for (size_t r = 0; r < all; ++r)
+        if (time[r] >= start && time[r] < end)
+            inside++;
+        else if (inside == 0)
+            first = r + 1;
+    EXPECT_EQ(orb_columns_rows(part, ORB_TABLE_SAMPLES), inside);
+    expectRunOfWhole(part, whole, ORB_TABLE_SAMPLES, first);
+
+    // The index stretch the window's rows span.
+    int32_t lo = INT32_MAX, hi = -1;
+    for (int table : {ORB_TABLE_SAMPLES, ORB_TABLE_EVENTS, ORB_TABLE_BLOCKS}) {
+        const size_t rows = orb_columns_rows(part, table);
+        const int32_t* index = valuesOf<int32_t>(part, table, "index");
+        if (rows > 0) {
+            lo = std::min(lo, index[0]);
+            hi = std::max(hi, index[rows - 1]);
+        }
+    }
+    for (int table : {ORB_TABLE_EVENTS, ORB_TABLE_BLOCKS}) {
+        SCOPED_TRACE("table " + std::to_string(table));
+        const size_t from = rowOfIndex(whole, table, lo);
+        const size_t to = hi < 0 ? from : rowOfIndex(whole, table, hi + 1);
+        EXPECT_EQ(orb_columns_rows(part, table), to - from);
+        expectRunOfWhole(part, whole, table, from);
+    }
+    size_t trials = 0;
+    const uint32_t* startIndex = valuesOf<uint32_t>(whole, ORB_TABLE_TRIALS, "start_index");
+    size_t firstTrial = orb_columns_rows(whole, ORB_TABLE_TRIALS);
+    for (size_t r = 0; r < orb_columns_rows(whole, ORB_TABLE_TRIALS); ++r)
+        if (int64_t(startIndex[r]) >= lo && int64_t(startIndex[r]) <= hi) {
+            firstTrial = std::min(firstTrial, r);
+            trials++;
+        }
+    if (hi >= 0) {
+        EXPECT_EQ(orb_columns_rows(part, ORB_TABLE_TRIALS), trials);
+    }
+    if (trials > 0)
+        expectRunOfWhole(part, whole, ORB_TABLE_TRIALS, firstTrial);
+    // Empty or not, the tables have the columns of the whole read.
+    for (int table = ORB_TABLE_SAMPLES; table <= ORB_TABLE_TRIALS; ++table)
+        EXPECT_EQ(orb_columns_count(part, table), orb_columns_count(whole, table));
+}
+
+// The windows worth reading of a recording whose whole read is `whole`:
+// empty, one sample, the first and the last sample, across each block
+// boundary and each gap of more than one period, before and after it all.
+std::vector<std::pair<int64_t, int64_t>> windowsOf(const ORB_COLUMNS* whole)
+{
+    const uint32_t* time = valuesOf<uint32_t>(whole, ORB_TABLE_SAMPLES, "time");
+    const int32_t* block = valuesOf<int32_t>(whole, ORB_TABLE_SAMPLES, "block");
+    const size_t rows = orb_columns_rows(whole, ORB_TABLE_SAMPLES);
+    std::vector<std::pair<int64_t, int64_t>> w = {{-5, 0}, {0, 0}, {-100, int64_t(1) << 40}};
+    if (rows == 0)
+        return w;
+    const int64_t t0 = time[0], tn = time[rows - 1];
+    w.insert(w.end(), {{t0 + 50, t0 + 50},
+                       {t0 + 50, t0 + 51},
+                       {t0, t0 + 1},
+                       {t0 - 30, t0 + 3},
+                       {tn, tn + 1},
+                       {tn - 4, tn + 1000},
+                       {tn + 1000, tn + 2000},
+                       {t0 + 100, t0 + 333}});
+    int64_t step = rows > 1 ? int64_t(time[1]) - int64_t(time[0]) : 1;
+    step = std::max<int64_t>(step, 1);
+    for (size_t r = 1; r < rows; ++r)
+        if (block[r] != block[r - 1] || int64_t(time[r]) - int64_t(time[r - 1]) > step) {
+            w.emplace_back(int64_t(time[r - 1]) - 3, int64_t(time[r]) + 3);
+            if (w.size() > 12)
+                break;
+        }
+    return w;
+}
+
+// Reads every window of windowsOf from the path and from one open handle,
+// and a projection, and compares them with the whole read.
+void expectWindowsAndColumnsOfWhole(const std::string& path, const ReadArgs& a)
+{
+    ORB_COLUMNS* whole = readColumns(path, a);
+    ASSERT_NE(whole, nullptr);
+    int err = 0;
+    _ORBFILE* f = orb_open_file(path.c_str(), a.consistency, a.events, a.samples, &err);
+    ASSERT_NE(f, nullptr);
+    for (auto [start, end] : windowsOf(whole)) {
+        SCOPED_TRACE("window " + std::to_string(start) + " to " + std::to_string(end));
+        ORB_READ_OPTIONS o = optionsFor(a);
+        o.window = 1;
+        o.start = start;
+        o.end = end;
+        ORB_COLUMNS* fromPath = orb_read(path.c_str(), &o, &err);
+        expectWindowOfWhole(fromPath, whole, start, end);
+        const int at = orb_get_element_index(f);
+        ORB_COLUMNS* fromHandle = orb_read_open(f, &o, &err);
+        EXPECT_EQ(orb_get_element_index(f), at);
+        expectSameColumns(fromHandle, fromPath);
+        orb_free_columns(fromHandle);
+        orb_free_columns(fromPath);
+        orb_get_next_data(f); // the handle moves on between reads
+    }
+    orb_close_file(f);
+
+    std::vector<const char*> names = {"pupil_size_right", "time", "gaze_x_left", "gaze_y_left", "trial", "block"};
+    if (a.flags & ORB_COLUMNS_VELOCITIES)
+        names.push_back("gaze_vel_x_right");
+    if (a.flags & ORB_COLUMNS_CAMERA)
+        names.push_back("pupil_area_left");
+    names.push_back(nullptr);
+    const char* const events[] = {"message_length", "message_offset", "time", "end_time", nullptr};
+    const char* const none[] = {nullptr};
+    ORB_READ_OPTIONS o = optionsFor(a);
+    o.columns[ORB_TABLE_SAMPLES] = names.data();
+    o.columns[ORB_TABLE_EVENTS] = events;
+    o.columns[ORB_TABLE_BLOCKS] = none;
+    ORB_COLUMNS* part = orb_read(path.c_str(), &o, &err);
+    ASSERT_NE(part, nullptr);
+    EXPECT_EQ(orb_columns_count(part, ORB_TABLE_SAMPLES), int(names.size() - 1));
+    for (size_t i = 0; i + 1 < names.size(); ++i) {
+        ORB_COLUMN col{};
+        orb_columns_column(part, ORB_TABLE_SAMPLES, int(i), &col);
+        EXPECT_STREQ(col.name, names[i]); // in the order asked for
+    }
+    EXPECT_EQ(orb_columns_count(part, ORB_TABLE_BLOCKS), 0);
+    EXPECT_EQ(orb_columns_rows(part, ORB_TABLE_BLOCKS), orb_columns_rows(whole, ORB_TABLE_BLOCKS));
+    for (int table = ORB_TABLE_SAMPLES; table <= ORB_TABLE_TRIALS; ++table) {
+        EXPECT_EQ(orb_columns_rows(part, table), orb_columns_rows(whole, table));
+        expectRunOfWhole(part, whole, table, 0);
+    }
+    orb_free_columns(part);
+
+    // Without the columns the reader completes samples by (time, flags and
+    // where the row lies), the others keep their values.
+    const char* const bare[] = {"status", "gaze_x_right", nullptr};
+    o = optionsFor(a);
+    o.columns[ORB_TABLE_SAMPLES] = bare;
+    part = orb_read(path.c_str(), &o, &err);
+    ASSERT_NE(part, nullptr);
+    EXPECT_EQ(orb_columns_count(part, ORB_TABLE_SAMPLES), 2);
+    EXPECT_EQ(orb_columns_rows(part, ORB_TABLE_SAMPLES), orb_columns_rows(whole, ORB_TABLE_SAMPLES));
+    expectRunOfWhole(part, whole, ORB_TABLE_SAMPLES, 0);
+    orb_free_columns(part);
+    orb_free_columns(whole);
+}
+
+void expectEveryWindowOfWhole(const std::string& path, int tolerant = 0)
+{
+    forEveryOpenArgument(tolerant, [&](const ReadArgs& a) { expectWindowsAndColumnsOfWhole(path, a); });
+}
+
+} // namespace
+
+TEST_F(Columns, WindowsAndChosenColumnsAreRowsOfTheWholeRead)
+{
+    forEveryRateEyeAndModel([](Shape s) {
+        s.blocks = 3;
+        expectEveryWindowOfWhole(writeRecording(s));
+    });
+}
+
+TEST_F(Columns, WindowsOfShiftedDamagedAndEmptyRecordings)
+{
+    Shape shifted;
+    shifted.compressed = true;
+    shifted.t0 = 300000000;
+    shifted.eyes = 2;
+    expectEveryWindowOfWhole(writeRecording(shifted));
+    Shape damaged;
+    damaged.gaps = true;
+    expectEveryWindowOfWhole(truncated(damaged, 333), 4);
+    expectEveryWindowOfWhole(OrbWriter().write());
+}
+
+TEST_F(Columns, BadOptionsAreRefusedWithTheirReason)
+{
+    const std::string path = writeRecording(Shape{});
+    ORB_READ_OPTIONS o;
+    orb_read_options_init(&o);
+    int err = 0;
+
+    const char* const unknown[] = {"time", "gaze_x", nullptr};
+    o.columns[ORB_TABLE_SAMPLES] = unknown;
+    EXPECT_EQ(orb_read(path.c_str(), &o, &err), nullptr);
+    EXPECT_EQ(err, -1);
+    std::string reason = orb_get_last_error();
+    EXPECT_NE(reason.find("No column \"gaze_x\" in the samples table"), std::string::npos) << reason;
+    EXPECT_NE(reason.find("gaze_x_left"), std::string::npos) << reason;
+    EXPECT_NE(reason.find(" trial\n"), std::string::npos) << reason; // the last known one too
+
+    const char* const velocity[] = {"gaze_vel_x_left", nullptr}; // without its flag
+    o.columns[ORB_TABLE_SAMPLES] = velocity;
+    EXPECT_EQ(orb_read(path.c_str(), &o, &err), nullptr);
+    const char* const twice[] = {"time", "time", nullptr};
+    o.columns[ORB_TABLE_SAMPLES] = twice;
+    EXPECT_EQ(orb_read(path.c_str(), &o, &err), nullptr);
+    EXPECT_NE(std::string(orb_get_last_error()).find("named twice"), std::string::npos);
+
+    orb_read_options_init(&o);
+    o.window = 1;
+    o.start = 20000;
+    o.end = 19999;
+    _ORBFILE* f = orb_open_file(path.c_str(), 0, 1, 1, &err);
+    EXPECT_EQ(orb_read_open(f, &o, &err), nullptr);
+    EXPECT_EQ(err, -1);
+    EXPECT_NE(std::string(orb_get_last_error()).find("after its end"), std::string::npos);
+    orb_close_file(f);
+    EXPECT_EQ(orb_read_open(nullptr, &o, &err), nullptr);
+    EXPECT_EQ(err, -1);
+
+    orb_read_options_init(&o);
+    o.size = sizeof o - 1;
+    EXPECT_EQ(orb_read(path.c_str(), &o, &err), nullptr);
+    EXPECT_EQ(err, -1);
+    // No options: everything, as orb_read_columns reads it.
+    ORB_COLUMNS* a = orb_read(path.c_str(), nullptr, &err);
+    ORB_COLUMNS* b = orb_read_columns(path.c_str(), 0, 1, 1, 0, nullptr, nullptr, nullptr, nullptr, &err);
+    expectSameColumns(a, b);
+    orb_free_columns(a);
+    orb_free_columns(b);
 }

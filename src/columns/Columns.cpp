@@ -39,6 +39,57 @@ void Table::add(const char* name, int type, Source source, size_t offset)
     columns_.push_back(std::move(c));
 }
 
+const Column* Table::find(const char* name) const
+{
+    for (const Column& c : columns_)
+        if (c.name == name)
+            return &c;
+    return nullptr;
+}
+
+// Fails for a name that is not a column: the reason lists the known ones,
+// on as many log lines as they take (a line holds at most 499 characters).
+[[noreturn]] void Table::refuseUnknown(const char* name, const char* table) const
+{
+    std::string line = std::string("No column \"") + std::string(name).substr(0, 200) + "\" in the " + table +
+                       " table of this read; its columns are:";
+    for (size_t i = 0; i < columns_.size(); ++i) {
+        const std::string next = " " + columns_[i].name + (i + 1 < columns_.size() ? "," : "");
+        if (line.size() + next.size() > 400) {
+            orb_log("%s\n", line.c_str());
+            line.clear();
+        }
+        line += next;
+    }
+    throw ORBException("%s", line.c_str());
+}
+
+void Table::select(const char* const* names, const std::vector<std::string>& hidden, const char* table)
+{
+    std::vector<Column> kept;
+    auto keep = [&](const char* name) {
+        const Column* c = find(name);
+        if (c)
+            kept.push_back(*c);
+        return c != nullptr;
+    };
+    auto taken = [&](const char* name) {
+        return std::any_of(kept.begin(), kept.end(), [&](const Column& c) { return c.name == name; });
+    };
+    for (const char* const* name = names; *name; ++name) {
+        if (taken(*name))
+            throw ORBException("Column \"%.200s\" of the %s table named twice", *name, table);
+        if (!keep(*name))
+            refuseUnknown(*name, table);
+    }
+    const size_t shown = kept.size();
+    for (const std::string& name : hidden)
+        if (!taken(name.c_str()))
+            keep(name.c_str());
+    columns_ = std::move(kept);
+    shown_ = shown;
+}
+
 namespace {
 
 // Mapped blocks from this size on.
@@ -248,7 +299,7 @@ bool Table::prefault(size_t from, size_t to) const
 
 bool Table::describe(size_t i, ORB_COLUMN* out) const
 {
-    if (i >= columns_.size() || !out)
+    if (i >= shown() || !out)
         return false;
     const Column& c = columns_[i];
     out->name = c.name.c_str();

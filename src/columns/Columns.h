@@ -12,6 +12,7 @@
 #ifndef ORBAPI_COLUMNS_H
 #define ORBAPI_COLUMNS_H
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -122,6 +123,15 @@ public:
     // Adds the column `name` copying the member at `offset` of `source`.
     void add(const char* name, int type, Source source, size_t offset);
 
+    // Keeps the columns `names` (a null-terminated list), in that order,
+    // and after them those of `hidden` not among them: made and written,
+    // but not shown (columns() and describe() end before them).  Throws
+    // ORBException naming the known columns when a name is not one, or is
+    // given twice.  Before allocate().
+    void select(const char* const* names, const std::vector<std::string>& hidden, const char* table);
+    // Whether the column `name` is made (shown or hidden).
+    bool has(const char* name) const { return find(name) != nullptr; }
+
     // Allocates every column for `capacity` rows.  Throws std::bad_alloc.
     void allocate(size_t capacity);
     // Appends one row; sources[s] is the record of source s (unused ones
@@ -183,7 +193,11 @@ public:
 
     size_t rows() const { return rows_; }
     size_t capacity() const { return capacity_; }
+    // Every column made, the hidden ones after the shown ones.
     const std::vector<Column>& columns() const { return columns_; }
+    // The shown columns.
+    size_t shown() const { return std::min(shown_, columns_.size()); }
+    const Column* find(const char* name) const;
     // Column i as the interface describes it; false when there is none.
     bool describe(size_t i, ORB_COLUMN* out) const;
 
@@ -207,6 +221,7 @@ private:
     };
     static constexpr size_t kStageRows = 64;
 
+    [[noreturn]] void refuseUnknown(const char* name, const char* table) const;
     template <size_t N>
     void write(const Group& g, const Stage& st);
     // Copies a record of `source`, its size known to the compiler.
@@ -225,6 +240,7 @@ private:
     }
 
     std::vector<Column> columns_;
+    size_t shown_ = SIZE_MAX; // the columns from here on are hidden
     Storage storage_;
     std::vector<Group> groups_;
     std::vector<Stage> stages_;

@@ -91,12 +91,20 @@ constexpr double kScanShare = 0.75;
 //  - otherwise the cursor's sample queue, sample by sample, as the walk
 //    steps onto them (always with velocities, which need a sample's
 //    neighbours, and with the camera values, which need the open file).
+//
+// Only the columns asked for are made; velocities and camera values are
+// computed only for a column of theirs.  A window is read from the first
+// index entry at or after its start to the first at or after its end; the
+// block starts and events before it are stepped over as the whole walk
+// does (without rows), so that the window's rows carry the same block
+// numbers and event repairs.
 class ColumnReader final : public ScannedSamples {
 public:
-    ColumnReader(int flags, orb_progress_function progress, void* user);
+    // Throws ORBException for options that name no column or no window.
+    explicit ColumnReader(const ORB_READ_OPTIONS& options);
 
     // The receiver to open the file with: null when the queue must serve.
-    ScannedSamples* scanned() { return flags_ & (ORB_COLUMNS_VELOCITIES | ORB_COLUMNS_CAMERA) ? nullptr : this; }
+    ScannedSamples* scanned() { return flags_ & (ORB_COLUMNS_VELOCITIES | ORB_COLUMNS_CAMERA) || window_ ? nullptr : this; }
     std::unique_ptr<ORB_COLUMNS> run(ORBFile& file);
 
     void begin(int64_t bytes) override;
@@ -110,12 +118,16 @@ public:
 
 private:
     // Allocates the tables, but for the sample rows when they are kept.
-    void allocate(bool keepSamples);
-    void walk(bool scannedRows);
+    void allocate(bool keepSamples, size_t first, size_t last);
+    void walk(bool scannedRows, size_t first, size_t last);
+    // Settles the time adjustment as the whole walk does (by the first
+    // record it hands out) and returns the first index entry at or after
+    // the handed-out time `ms`.
+    size_t seek(int64_t ms);
     // Completes the scanned row of the sample at index entry `index` as
     // the cursor hands it out there.
     void completeScannedRow(size_t index, int32_t block);
-    void addTrials();
+    void addTrials(size_t first, size_t last);
     void report(double fraction)
     {
         fraction = std::max(fraction, reported_);
@@ -129,7 +141,9 @@ private:
     bool samplesInStreamOrder() const;
 
     ORBFile* f_ = nullptr;
-    const int flags_;
+    int flags_; // those of the options the chosen columns need
+    const bool window_;
+    const int64_t start_, end_;
     const orb_progress_function progress_;
     void* const user_;
     double reported_ = 0.0;
@@ -157,13 +171,40 @@ private:
     } scannedColumns_{};
 };
 
-ColumnReader::ColumnReader(int flags, orb_progress_function progress, void* user)
-    : flags_(flags), progress_(progress), user_(user), c_(std::make_unique<ORB_COLUMNS>())
+// Whether `t` makes a column of a member of `record` that needs `flag`.
+bool makesAny(const Table& t, int record, int flag)
 {
-    layoutSamples(c_->tables[ORB_TABLE_SAMPLES], flags_);
+    int n = 0;
+    const ORB_MEMBER* m = orb_record_members(record, &n);
+    for (int i = 0; i < n; ++i)
+        if (m[i].flag == flag && t.has(m[i].name))
+            return true;
+    return false;
+}
+
+ColumnReader::ColumnReader(const ORB_READ_OPTIONS& o)
+    : flags_(o.flags), window_(o.window != 0), start_(o.start), end_(o.end), progress_(o.progress),
+      user_(o.user), c_(std::make_unique<ORB_COLUMNS>())
+{
+    if (window_ && o.start > o.end)
+        throw ORBException("The window starts at %lld ms, after its end at %lld ms", (long long)o.start,
+                           (long long)o.end);
+    Table& samples = c_->tables[ORB_TABLE_SAMPLES];
+    layoutSamples(samples, flags_);
     layoutEvents(c_->tables[ORB_TABLE_EVENTS]);
     layoutBlocks(c_->tables[ORB_TABLE_BLOCKS]);
     layoutTrials(c_->tables[ORB_TABLE_TRIALS]);
+    static const char* const kNames[] = {"samples", "events", "blocks", "trials"};
+    for (int t = ORB_TABLE_SAMPLES; t <= ORB_TABLE_TRIALS; ++t)
+        if (o.columns[t])
+            // Samples taken from the scan are completed by their time.
+            c_->tables[t].select(o.columns[t], t == ORB_TABLE_SAMPLES ? std::vector<std::string>{"time"}
+                                                                       : std::vector<std::string>{},
+                                 kNames[t]);
+    if (!makesAny(samples, ORB_RECORD_SAMPLE, ORB_COLUMNS_VELOCITIES))
+        flags_ &= ~ORB_COLUMNS_VELOCITIES;
+    if (!makesAny(samples, ORB_RECORD_CAMERA, ORB_COLUMNS_CAMERA))
+        flags_ &= ~ORB_COLUMNS_CAMERA;
     scanSources_[kFromPlace] = &noPlace_;
 }
 
@@ -215,7 +256,12 @@ std::unique_ptr<ORB_COLUMNS> ColumnReader::run(ORBFile& file)
     samples.flush();
     scanPages_.reset();
     const bool scannedRows = scanning_ && samplesInStreamOrder();
-    allocate(scannedRows);
+    size_t first = 0, last = f_->index.items.size();
+    if (window_) {
+        first = seek(start_);
+        last = std::max(first, seek(end_));
+    }
+    allocate(scannedRows, first, last);
     if (scannedRows) {
         auto column = [&](const char* name) { return reinterpret_cast<void*>(samples.columnData(name)); };
         scannedColumns_.time = static_cast<uint32_t*>(column("time"));
@@ -229,13 +275,13 @@ std::unique_ptr<ORB_COLUMNS> ColumnReader::run(ORBFile& file)
         std::unique_ptr<Prefaulter> ahead;
         if (!scannedRows)
             ahead = std::make_unique<Prefaulter>(samples, false); // every row of it will be written
-        walk(scannedRows);
+        walk(scannedRows, first, last);
     }
     // A walk that ended early (an item of code 0 ends the cursor's walk
     // too) leaves the scanned rows after it out.
     if (scannedRows)
         samples.truncate(scannedRow_);
-    addTrials();
+    addTrials(first, last);
     for (Table& t : c_->tables)
         t.flush();
     c_->items = f_->index.items.size();
@@ -247,12 +293,12 @@ std::unique_ptr<ORB_COLUMNS> ColumnReader::run(ORBFile& file)
     return std::move(c_);
 }
 
-void ColumnReader::allocate(bool keepSamples)
+void ColumnReader::allocate(bool keepSamples, size_t first, size_t last)
 {
     // At most one row per index entry of the table's kind.
     size_t samples = 0, events = 0, blocks = 0;
-    for (const ORBItem& item : f_->index.items) {
-        const unsigned code = item.code();
+    for (size_t i = first; i < last; ++i) {
+        const unsigned code = f_->index.items[i].code();
         if (code == SAMPLE)
             ++samples;
         else if (code == RECORDING)
@@ -265,6 +311,23 @@ void ColumnReader::allocate(bool keepSamples)
     c_->tables[ORB_TABLE_EVENTS].allocate(events);
     c_->tables[ORB_TABLE_BLOCKS].allocate(blocks);
     c_->tables[ORB_TABLE_TRIALS].allocate(f_->trials.size());
+}
+
+size_t ColumnReader::seek(int64_t ms)
+{
+    const std::vector<ORBItem>& items = f_->index.items;
+    for (size_t i = 0; i < items.size() && f_->timeOffset == 0 && !f_->timeFixupOff; ++i) {
+        if (f_->stepFrom(int32_t(i)) == NO_MORE_ITEMS)
+            break;
+        if (ALLF_DATA* d = f_->getFloatData())
+            f_->adjustTimes(d);
+    }
+    const int64_t raw = ms + (f_->timeFixupOff ? 0 : int64_t(f_->timeOffset));
+    if (raw <= 0)
+        return 0;
+    const uint64_t key = 2 * uint64_t(raw);
+    return size_t(std::partition_point(items.begin(), items.end(), [&](const ORBItem& item) { return item.key() < key; }) -
+                  items.begin());
 }
 
 int32_t ColumnReader::trialOf(size_t index)
@@ -334,24 +397,32 @@ void ColumnReader::completeScannedRow(size_t index, int32_t block)
         f_->adjustTime(fs.time);
         samples.writeRow(row, kFromSample, &fs);
     } else {
-        if (secondInItsMillisecond(item, time))
+        if (scannedColumns_.flags && secondInItsMillisecond(item, time))
             scannedColumns_.flags[row] = uint16_t(scannedColumns_.flags[row] | kHalfMillisecond);
         if (!f_->timeFixupOff)
             f_->adjustTime(time);
     }
-    scannedColumns_.index[row] = int32_t(index);
-    scannedColumns_.block[row] = block;
-    scannedColumns_.trial[row] = trialOf(index);
+    if (scannedColumns_.index)
+        scannedColumns_.index[row] = int32_t(index);
+    if (scannedColumns_.block)
+        scannedColumns_.block[row] = block;
+    if (scannedColumns_.trial)
+        scannedColumns_.trial[row] = trialOf(index);
 }
 
-void ColumnReader::walk(bool scannedRows)
+void ColumnReader::walk(bool scannedRows, size_t first, size_t last)
 {
     _ORBFILE* const handle = reinterpret_cast<_ORBFILE*>(f_);
     Table& samples = c_->tables[ORB_TABLE_SAMPLES];
     Table& events = c_->tables[ORB_TABLE_EVENTS];
     Table& blocks = c_->tables[ORB_TABLE_BLOCKS];
     const bool camera = flags_ & ORB_COLUMNS_CAMERA;
-    const size_t total = f_->index.items.size();
+    const size_t total = last;
+    if (window_) {
+        // The cursor's state as the whole walk has it at the first item.
+        std::memset(f_->eventPairs, 0xFF, sizeof f_->eventPairs);
+        f_->currentRecording = nullptr;
+    }
     // The walk's share of the progress.
     const double from = scanBytes_ > 0 ? kScanShare : 0.0;
 
@@ -373,6 +444,13 @@ void ColumnReader::walk(bool scannedRows)
             report(from + (1.0 - from) * double(index) / double(total));
         // A scanned sample needs nothing of the cursor but its block; any
         // other entry is stepped onto as the cursor does.
+        // Before a window only what sets later rows' values is stepped
+        // over: the block starts and events, and the samples when the
+        // velocities are wanted (which samples a velocity finds among its
+        // neighbours depends on what the sample queue read before).
+        const bool row = index >= first;
+        if (!row && !velocities && f_->index.items[index].isSample())
+            continue;
         if (scannedRows && f_->index.items[index].isSample()) {
             completeScannedRow(index, block);
             continue;
@@ -386,11 +464,13 @@ void ColumnReader::walk(bool scannedRows)
             // the queue, velocities only when they are wanted.
             const ORBItem& item = f_->index.items[index];
             try {
-                const Sample* s = f_->queuedSample(int(index), velocities, &slot);
+                const Sample* s = f_->queuedSample(int(index), velocities && row, &slot);
                 if (!s) {
                     orb_log("Read error \n");
                     continue;
                 }
+                if (!row)
+                    continue;
                 fs = s->fs;
             } catch (const ORBException& e) {
                 orb_log("Error %s \n", e.what());
@@ -421,9 +501,12 @@ void ColumnReader::walk(bool scannedRows)
             if (d->rec.state != 1)
                 block = -1;
             sources[kFromBlock] = &d->rec;
-            blocks.append(sources);
+            if (row)
+                blocks.append(sources);
             continue;
         }
+        if (!row)
+            continue;
         place.block = block;
         place.trial = trialOf(index);
         const ORB_MESSAGE* m = d->fe.message;
@@ -438,13 +521,15 @@ void ColumnReader::walk(bool scannedRows)
     }
 }
 
-void ColumnReader::addTrials()
+void ColumnReader::addTrials(size_t first, size_t last)
 {
     Table& t = c_->tables[ORB_TABLE_TRIALS];
     TrialRow row{};
     const void* sources[kSources] = {};
     sources[kFromTrial] = &row;
     for (const ORBTrial& trial : f_->trials) {
+        if (window_ && (trial.startIndex < first || trial.startIndex >= last))
+            continue;
         auto it = blockOf_.find(trial.rec);
         row.block = trial.rec && it != blockOf_.end() ? it->second : -1;
         row.duration = trial.trialWord;
@@ -463,24 +548,30 @@ const Table* tableOf(const ORB_COLUMNS* c, int table)
     return &c->tables[table];
 }
 
-// Opens the recording with open(), builds its trial list and reads it into
-// columns.  Failures are logged, counted in *errval and kept as the thread's
-// last error.
-template <class Open>
-ORB_COLUMNS* readColumns(Open open, int flags, const char* trialStart, const char* trialEnd,
-                         orb_progress_function progress, void* user, int* errval)
+// The options of a read as this version knows them: a caller's shorter or
+// longer structure is taken as far as both know it.
+ORB_READ_OPTIONS optionsOf(const ORB_READ_OPTIONS* given)
+{
+    ORB_READ_OPTIONS o;
+    orb_read_options_init(&o);
+    if (!given)
+        return o;
+    if (given->size < sizeof o)
+        throw ORBException("The read options are %zu bytes, fewer than the %zu of the first version", given->size,
+                           sizeof o);
+    std::memcpy(&o, given, sizeof o);
+    return o;
+}
+
+// Runs a read: failures are logged, counted in *errval and kept as the
+// thread's last error.
+template <class Read>
+ORB_COLUMNS* guarded(Read read, int* errval)
 {
     LastErrorScope scope;
     int err = -1;
     try {
-        ColumnReader reader(flags, progress, user);
-        std::unique_ptr<ORBFile> f = open(reader.scanned());
-        const std::string startId = trialStart ? trialStart : "TRIALID";
-        const std::string endId = trialEnd ? trialEnd : "";
-        f->trialStartId = startId.c_str();
-        f->trialEndId = trialEnd ? endId.c_str() : nullptr;
-        f->collectTrials();
-        ORB_COLUMNS* result = reader.run(*f).release();
+        ORB_COLUMNS* result = read();
         scope.succeeded();
         if (errval)
             *errval = 0;
@@ -501,22 +592,138 @@ ORB_COLUMNS* readColumns(Open open, int flags, const char* trialStart, const cha
     return nullptr;
 }
 
+// Opens the recording with open(), builds its trial list and reads it into
+// columns.
+template <class Open>
+ORB_COLUMNS* readColumns(Open open, const ORB_READ_OPTIONS* given, int* errval)
+{
+    return guarded(
+        [&] {
+            const ORB_READ_OPTIONS o = optionsOf(given);
+            ColumnReader reader(o);
+            std::unique_ptr<ORBFile> f = open(reader.scanned(), o);
+            const std::string startId = o.trial_start ? o.trial_start : "TRIALID";
+            const std::string endId = o.trial_end ? o.trial_end : "";
+            f->trialStartId = startId.c_str();
+            f->trialEndId = o.trial_end ? endId.c_str() : nullptr;
+            f->collectTrials();
+            return reader.run(*f).release();
+        },
+        errval);
+}
+
+// The cursor of an open recording as a read from it finds it, put back when
+// the read is done.
+class KeptCursor {
+public:
+    explicit KeptCursor(ORBFile& f)
+        : f_(f), current_(f.current), requested_(f.itemRequested), data_(f.currentData),
+          recording_(f.currentRecording)
+    {
+        std::memcpy(pairs_, f.eventPairs, sizeof pairs_);
+    }
+    ~KeptCursor()
+    {
+        f_.current = current_;
+        f_.itemRequested = requested_;
+        f_.currentData = data_;
+        f_.currentRecording = recording_;
+        std::memcpy(f_.eventPairs, pairs_, sizeof pairs_);
+    }
+    KeptCursor(const KeptCursor&) = delete;
+    KeptCursor& operator=(const KeptCursor&) = delete;
+
+private:
+    ORBFile& f_;
+    const int32_t current_;
+    const bool requested_;
+    const ALLF_DATA data_;
+    Recording* const recording_;
+    uint32_t pairs_[2][6];
+};
+
+std::unique_ptr<ORBFile> openPath(const char* fname, ScannedSamples* scanned, const ORB_READ_OPTIONS& o)
+{
+    if (!fname)
+        throw ORBException("File Could not be opened!");
+    return std::make_unique<ORBFile>(fname, o.consistency, o.loadevents != 0, o.loadsamples != 0,
+                                     ORBFile::IndexSorting::WhileScanning, scanned);
+}
+
+std::unique_ptr<ORBFile> openMemory(const void* data, size_t size, ScannedSamples* scanned, const ORB_READ_OPTIONS& o)
+{
+    return std::make_unique<ORBFile>(data, size, o.consistency, o.loadevents != 0, o.loadsamples != 0,
+                                     ORBFile::IndexSorting::WhileScanning, scanned);
+}
+
+// The options of the read functions that take them one by one.
+ORB_READ_OPTIONS optionsOf(int consistency, int loadevents, int loadsamples, int flags, const char* trialStart,
+                           const char* trialEnd, orb_progress_function progress, void* user)
+{
+    ORB_READ_OPTIONS o;
+    orb_read_options_init(&o);
+    o.consistency = consistency;
+    o.loadevents = loadevents;
+    o.loadsamples = loadsamples;
+    o.flags = flags;
+    o.trial_start = trialStart;
+    o.trial_end = trialEnd;
+    o.progress = progress;
+    o.user = user;
+    return o;
+}
+
 } // namespace
 
 extern "C" {
+
+void orb_read_options_init(ORB_READ_OPTIONS* o)
+{
+    if (!o)
+        return;
+    *o = ORB_READ_OPTIONS{};
+    o->size = sizeof *o;
+    o->loadevents = 1;
+    o->loadsamples = 1;
+}
+
+ORB_COLUMNS* orb_read(const char* fname, const ORB_READ_OPTIONS* options, int* errval)
+{
+    return readColumns([&](ScannedSamples* scanned, const ORB_READ_OPTIONS& o) { return openPath(fname, scanned, o); },
+                       options, errval);
+}
+
+ORB_COLUMNS* orb_read_memory(const void* data, size_t size, const ORB_READ_OPTIONS* options, int* errval)
+{
+    return readColumns(
+        [&](ScannedSamples* scanned, const ORB_READ_OPTIONS& o) { return openMemory(data, size, scanned, o); },
+        options, errval);
+}
+
+ORB_COLUMNS* orb_read_open(_ORBFILE* ef, const ORB_READ_OPTIONS* options, int* errval)
+{
+    return guarded(
+        [&] {
+            if (!ef)
+                throw ORBException("No open recording to read from");
+            const ORB_READ_OPTIONS o = optionsOf(options);
+            ColumnReader reader(o);
+            ORBFile& f = *reinterpret_cast<ORBFile*>(ef);
+            KeptCursor kept(f);
+            if (!f.trialsCollected)
+                f.collectTrials();
+            return reader.run(f).release();
+        },
+        errval);
+}
 
 ORB_COLUMNS* orb_read_columns(const char* fname, int consistency, int loadevents, int loadsamples,
                               int flags, const char* trial_start, const char* trial_end,
                               orb_progress_function progress, void* user, int* errval)
 {
-    return readColumns(
-        [&](ScannedSamples* scanned) {
-            if (!fname)
-                throw ORBException("File Could not be opened!");
-            return std::make_unique<ORBFile>(fname, consistency, loadevents != 0, loadsamples != 0,
-                                             ORBFile::IndexSorting::WhileScanning, scanned);
-        },
-        flags, trial_start, trial_end, progress, user, errval);
+    const ORB_READ_OPTIONS o =
+        optionsOf(consistency, loadevents, loadsamples, flags, trial_start, trial_end, progress, user);
+    return orb_read(fname, &o, errval);
 }
 
 ORB_COLUMNS* orb_read_columns_memory(const void* data, size_t size, int consistency, int loadevents,
@@ -524,12 +731,9 @@ ORB_COLUMNS* orb_read_columns_memory(const void* data, size_t size, int consiste
                                      const char* trial_end, orb_progress_function progress,
                                      void* user, int* errval)
 {
-    return readColumns(
-        [&](ScannedSamples* scanned) {
-            return std::make_unique<ORBFile>(data, size, consistency, loadevents != 0, loadsamples != 0,
-                                             ORBFile::IndexSorting::WhileScanning, scanned);
-        },
-        flags, trial_start, trial_end, progress, user, errval);
+    const ORB_READ_OPTIONS o =
+        optionsOf(consistency, loadevents, loadsamples, flags, trial_start, trial_end, progress, user);
+    return orb_read_memory(data, size, &o, errval);
 }
 
 void orb_free_columns(ORB_COLUMNS* c) { delete c; }
@@ -543,7 +747,7 @@ size_t orb_columns_rows(const ORB_COLUMNS* c, int table)
 int orb_columns_count(const ORB_COLUMNS* c, int table)
 {
     const Table* t = tableOf(c, table);
-    return t ? int(t->columns().size()) : 0;
+    return t ? int(t->shown()) : 0;
 }
 
 int orb_columns_column(const ORB_COLUMNS* c, int table, int i, ORB_COLUMN* out)
@@ -558,7 +762,7 @@ int orb_columns_find(const ORB_COLUMNS* c, int table, const char* name, ORB_COLU
     if (!t || !name)
         return -1;
     const auto& cols = t->columns();
-    for (size_t i = 0; i < cols.size(); ++i)
+    for (size_t i = 0; i < t->shown(); ++i)
         if (cols[i].name == name)
             return t->describe(i, out) ? 0 : -1;
     return -1;
