@@ -593,6 +593,10 @@ NB_MODULE(_core, m)
 {
     m.doc() = "Native side of orbapi: the columnar reader and the cursor.";
     orb_set_log_function(logSink);
+    // Arrow and polars tables made from a recording's columns keep them
+    // alive, and the interpreter may end before those tables are collected:
+    // the columns are then given back by the process's end, not leaked.
+    nb::set_leak_warnings(false);
 
     // Lives as long as the process (never released: the module may outlive
     // the interpreter's teardown of statics).
