@@ -131,9 +131,9 @@ TEST(EarlyEnd, EachEndIsSaidOnceAndStaysTheLastError)
 }
 
 // Reads of the whole say nothing: a recording that ends with its tag of 0
-// or without it (a tolerant scan), an event of type 0 skipped by a tolerant scan or last in
-// time; and a damaged item that fails a strict open is its failure, not an
-// early end.
+// or without it (a tolerant scan), a gap the repair leaves open, an event of
+// type 0 skipped by a tolerant scan or last in time; and a damaged item
+// that fails a strict open is its failure, not an early end.
 TEST(EarlyEnd, WholeReadsAndFailuresSayNothingOfIt)
 {
     auto open = [](const OrbWriter& w, int options, int* walked) {
@@ -160,6 +160,16 @@ TEST(EarlyEnd, WholeReadsAndFailuresSayNothingOfIt)
     const Broken skipped = recordingBrokenBy(Break::TypeZeroEvent, false);
     EXPECT_EQ(open(skipped.w, kTolerant, &walked), "");
     EXPECT_EQ(walked, kFirst + kSecond);
+
+    // A gap too long for the repair's placeholders is left open, and the
+    // samples after it are read.
+    OrbWriter gap;
+    startBlock(gap, 1000);
+    addSampleRun(gap, 1000, 1010);
+    addSampleRun(gap, 20001000, 20001010);
+    endBlock(gap, 20001011);
+    EXPECT_EQ(open(gap, 2, &walked), "");
+    EXPECT_EQ(walked, 22);
 
     OrbWriter last;
     addBlock(last, 1000, kFirst);
