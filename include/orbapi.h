@@ -365,10 +365,16 @@ ORBAPI_EXPORT _ORBFILE *orb_open_memory(const void *data, size_t size,
  * library logged during that call, in order, exactly as the log function
  * received them (for example "Bad magic.  Corrupt orb file. \n...").  The
  * lines are kept whether or not a log function is set.  Should they pass a
- * megabyte, the ones after that are left out except the last.  The empty
- * string when that call succeeded or none was made yet.  The text belongs
- * to the calling thread and stays valid until its next open or read; each
- * thread has its own.  Never NULL. */
+ * megabyte, the ones after that are left out except the last.  After a
+ * call that succeeded, the one line that says it stopped reading before the
+ * end of the bytes it was given, when it did: "Reading stopped at byte N of
+ * the file: REASON (M bytes not read)\n" (of the inflated body, for a
+ * compressed container; REASON "an item tag of 0", "an event of type 0" or,
+ * with the tolerant scan, "a damaged item"; and "the inflating limit" with
+ * "(M compressed bytes not read)"); the empty string when it read them all
+ * or no call was made yet.  The text belongs to the calling thread and
+ * stays valid until its next open or read; each thread has its own.  Never
+ * NULL. */
 ORBAPI_EXPORT const char *orb_get_last_error(void);
 
 /* Closes the file and frees everything it holds: after it, the handle and

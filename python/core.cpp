@@ -280,6 +280,11 @@ public:
     int revision() const { return orb_columns_revision(c_); }
     int oculantRevision() const { return orb_columns_oculant_revision(c_); }
     size_t items() const { return orb_columns_items(c_); }
+    // The line that says the read stopped before the end of its bytes
+    // ("" when it read them all): what a successful read leaves as the last
+    // error.
+    std::string endedEarly() const { return endedEarly_; }
+    std::string endedEarly_;
 
 private:
     static nb::object array(nb::handle owner, const void* data, size_t n, int type)
@@ -328,6 +333,7 @@ std::unique_ptr<Columns> readColumns(std::optional<nb::bytes> path, nb::object d
                                         flags, ts, te, nullptr, nullptr, &err);
         if (c) {
             out.reset(new Columns(c));
+            out->endedEarly_ = orb_get_last_error();
             out->prepare(sentinels);
         }
     }
@@ -640,7 +646,8 @@ NB_MODULE(_core, m)
         .def_prop_ro("preamble", &Columns::preamble)
         .def_prop_ro("revision", &Columns::revision)
         .def_prop_ro("oculant_revision", &Columns::oculantRevision)
-        .def_prop_ro("items", &Columns::items);
+        .def_prop_ro("items", &Columns::items)
+        .def_prop_ro("ended_early", &Columns::endedEarly);
 
     m.def("read_columns", &readColumns, "path"_a.none(), "data"_a.none(), "consistency"_a, "events"_a,
           "samples"_a, "flags"_a, "trial_start"_a.none(), "trial_end"_a.none(), "sentinels"_a);

@@ -218,22 +218,26 @@ TEST(Damage, TolerantScanEndsAtTheDamage)
     struct Case {
         Bytes tail;
         bool terminate;
-        Lines tolerantLog; // the last lines
+        Lines tolerantLog; // the last lines, but the one that says where the scan stopped
         std::string error;
+        size_t unread; // bytes from the damaged item on
     } cases[] = {
         {{0xA0, 0x01, 0x00, 0x00}, false, // a sample cut inside its time
          {"Error End of file Exception \n", "error reading orb file 2\n",
           "Unexpected file read error while reading sample; simulating end reached. \n"},
-         "End of file Exception"},
+         "End of file Exception", 4},
         {EventItem(MESSAGE, -1).start(1001).messageRaw(499, std::string(499, 'x')).bytes(), true,
          {"error reading orb file 1\n", "Unexpected file read error while reading event; simulating end reached. \n"},
-         "Error reading event - type(preScan)"},
-        {{}, false, {"Error reading items End of file Exception \n"}, "End of file Exception"},
+         "Error reading event - type(preScan)", 526},
+        {{}, false, {"Error reading items End of file Exception \n"}, "End of file Exception", 0},
     };
-    for (const Case& c : cases) {
+    for (Case c : cases) {
         OrbWriter w;
         startBlock(w, 1000);
         addSamples(w, {1000, 1001});
+        if (c.unread)
+            c.tolerantLog.push_back("Reading stopped at byte " + std::to_string(w.headerSize() + w.body().size()) +
+                                    " of the file: a damaged item (" + std::to_string(c.unread) + " bytes not read)\n");
         w.raw(c.tail);
         if (c.terminate) w.add(sampleAt(1002));
         w.terminate = c.terminate; // else the damage is the file's end

@@ -46,6 +46,9 @@ class ConvertResult:
     failed: dict = field(default_factory=dict)
     #: recording → the library's log lines while reading it (repairs, damage)
     warnings: dict = field(default_factory=dict)
+    #: recording → where and why its read stopped before the end of its bytes
+    #: (its ``info["ended_early"]``), for those that did
+    ended_early: dict = field(default_factory=dict)
     #: table → rows written
     rows: dict = field(default_factory=dict)
     #: the files written, in no particular order
@@ -175,9 +178,10 @@ def convert(
         try:
             rec = select(read(path, **read_options), chosen)
             lines = capture.take()
+            ended = rec.info.get("ended_early")
             rows = writer.write(rec, path, names[i], out, written)
             del rec
-            return rows, lines, written
+            return rows, lines, written, ended
         except BaseException:
             capture.take()
             for f in written:
@@ -189,10 +193,12 @@ def convert(
             raise exc  # a missing package, not a bad recording: stop
         path = paths[i]
         if exc is None:
-            rows, lines, written = res
+            rows, lines, written, ended = res
             result.converted.append(path)
             if lines:
                 result.warnings[path] = lines
+            if ended:
+                result.ended_early[path] = ended
             with lock:
                 result.files.extend(written)
                 for t, n in rows.items():
@@ -215,6 +221,7 @@ def convert(
     result.converted.sort(key=order.__getitem__)
     result.failed = dict(sorted(result.failed.items(), key=lambda kv: order[kv[0]]))
     result.warnings = dict(sorted(result.warnings.items(), key=lambda kv: order[kv[0]]))
+    result.ended_early = dict(sorted(result.ended_early.items(), key=lambda kv: order[kv[0]]))
     result.files.extend(writer.finish(out))
     result.seconds = time.perf_counter() - start
     return result

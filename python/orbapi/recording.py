@@ -2,6 +2,7 @@
 from __future__ import annotations
 
 import os
+import re
 from collections.abc import Iterable, Mapping, Sequence
 from typing import Any
 
@@ -44,7 +45,11 @@ def read(path: Source, *, consistency: int = 0, events: bool = True, samples: bo
     threads are read in parallel. Raises FileNotFoundError for a missing
     file and :class:`orbapi.OrbError` with the library's reason for a file it
     refuses. The library's log lines go to the ``logging`` logger
-    ``"orbapi"``.
+    ``"orbapi"`` as warnings. A read that stops before the end of the file's
+    bytes (an item tag or event type of 0, damage under a tolerant scan, the
+    inflating limit) raises nothing: its line is one of those warnings and
+    ``info["ended_early"]`` tells the reason and the position (None when
+    every byte was read).
 
     Example::
 
@@ -207,6 +212,7 @@ class Recording:
             "samples": int(cols.rows(_core.SAMPLES)),
             "duration_ms": duration,
             "library_version": _core.library_version(),
+            "ended_early": ended_early(cols.ended_early),
         }
         return cls(tables, info, path)
 
@@ -325,6 +331,32 @@ class Recording:
         where = self.path or "<bytes>"
         return (f"<Recording {where}: {n['samples']} samples, {n['events']} events, "
                 f"{n['messages']} messages, {n['trials']} trials>")
+
+
+_STOPPED = re.compile(r"Reading stopped at byte (\d+) of the (file|inflated body): (.*) "
+                      r"\((\d+) (compressed )?bytes not read\)")
+
+
+def ended_early(text: str) -> dict[str, Any] | None:
+    """Where and why a read stopped before the end of the recording's bytes,
+    from the library's line that says so; None when it read them all.
+
+    ``reason`` says what ended it ("an item tag of 0", "an event of type 0",
+    "a damaged item", "the inflating limit"); ``position`` is the byte where
+    that lies, counted in the file or, for a compressed one, in its inflated
+    body (``within``); ``bytes_not_read`` counts the bytes after it (of the
+    compressed file for the inflating limit); ``line`` is the line itself.
+
+    Example::
+
+        >>> orbapi.read("cut.orb", consistency=4).info["ended_early"]["reason"]
+        'a damaged item'
+    """
+    m = _STOPPED.search(text or "")
+    if not m:
+        return None
+    return {"reason": m.group(3), "position": int(m.group(1)), "within": m.group(2),
+            "bytes_not_read": int(m.group(4)), "line": m.group(0)}
 
 
 def _rows(cols: Columns) -> int:

@@ -19,7 +19,9 @@ MODELS = {1: "", 2: "MK", 3: "HQ"}
 def summarize(path, *, consistency=2, capture=None) -> dict:
     """What ``orb info`` shows about one recording, as a dict (the objects of
     ``orb info --json``).  A recording the library refuses gives
-    ``{"file": path, "error": reason, "damage": [...]}``.  `capture` is a
+    ``{"file": path, "error": reason, "damage": [...]}``; ``ended_early``
+    is the read's ``info["ended_early"]`` (None when it read every byte).
+    `capture` is a
     :class:`~orbapi.many.LogCapture` the calling thread already watches
     with (by default one of its own): the library's lines while reading
     become ``damage``.
@@ -79,6 +81,7 @@ def summarize(path, *, consistency=2, capture=None) -> dict:
         "placeholder_samples": int(np.count_nonzero(placeholder)),
         "duration_ms": int(info["duration_ms"]),
         "damage": damage,
+        "ended_early": info.get("ended_early"),
     }
 
 
@@ -128,15 +131,22 @@ def format_summary(r: dict) -> str:
     row("samples", _n(r["samples"]) + (f" ({_n(filled)} placeholders filled)" if filled else ""))
     for key in ("fixations", "saccades", "blinks", "messages", "trials"):
         row(key, _n(r[key]))
-    _damage_rows(r["damage"], row)
+    _damage_rows(r["damage"], row, ended=r.get("ended_early"))
     return "\n".join(lines)
 
 
-def _damage_rows(damage, row, most=8):
+def _damage_rows(damage, row, most=8, ended=None):
     """The library's lines, those that differ only in their numbers taken
-    together: the first of them and how many more."""
+    together: the first of them and how many more.  The line of a read that
+    `ended` early comes first."""
+    label = "damage"
+    if ended:
+        row(label, ended["line"])
+        damage = [x for x in damage if x.strip() != ended["line"]]
+        label = ""
     if not damage:
-        row("damage", "none reported")
+        if not ended:
+            row(label, "none reported")
         return
     kinds = {}
     for line in damage:
@@ -146,4 +156,4 @@ def _damage_rows(damage, row, most=8):
             row("", f"... {len(kinds) - most} more kinds of lines ({len(damage)} lines in all)")
             break
         more = len(lines) - 1
-        row("damage" if k == 0 else "", lines[0] + (f"  (and {more} more like it)" if more else ""))
+        row(label if k == 0 else "", lines[0] + (f"  (and {more} more like it)" if more else ""))

@@ -37,18 +37,32 @@ void printAsFormat(const char* text)
     std::fwrite(out.data(), 1, out.size(), stdout);
 }
 
-} // namespace
-
-int orb_logv(const char* fmt, va_list args)
+void emit(const char* fmt, va_list args, bool lasting)
 {
     char buffer[500] = {};
     std::vsnprintf(buffer, sizeof buffer, fmt, args);
     if (activeScope)
-        activeScope->keep(buffer);
+        activeScope->keep(buffer, lasting);
     if (auto sink = logfcn.load(std::memory_order_acquire))
         sink(buffer);
     else
         printAsFormat(buffer);
+}
+
+} // namespace
+
+int orb_logv(const char* fmt, va_list args)
+{
+    emit(fmt, args, false);
+    return 0;
+}
+
+int orb_log_lasting(const char* fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    emit(fmt, args, true);
+    va_end(args);
     return 0;
 }
 
@@ -68,18 +82,22 @@ LastErrorScope::~LastErrorScope()
     activeScope = outer_;
     try {
         std::string all = text();
-        if (outer_)
-            outer_->keep(all.c_str()); // as if logged under the outer scope
-        lastError = failed_ ? std::move(all) : std::string();
+        if (outer_) { // as if logged under the outer scope
+            outer_->keep(all.c_str());
+            outer_->lasting_ += lasting_;
+        }
+        lastError = failed_ ? std::move(all) : lasting_;
     } catch (...) {
         lastError.clear(); // out of memory: no reason rather than a wrong one
     }
 }
 
-void LastErrorScope::keep(const char* line) noexcept
+void LastErrorScope::keep(const char* line, bool lasting) noexcept
 {
     try {
         const size_t n = std::strlen(line);
+        if (lasting)
+            lasting_.append(line, n);
         if (!dropped_ && lines_.size() + n <= kLimit) {
             lines_.append(line, n);
             return;

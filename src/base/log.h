@@ -13,6 +13,10 @@
 // print_log of the function interface is this, under its exported name.
 int orb_log(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 int orb_logv(const char* fmt, va_list args);
+// orb_log for a line that stays this thread's last error even when the call
+// that logged it succeeds (see LastErrorScope): the one line that says a
+// read stopped before the end of its bytes.
+int orb_log_lasting(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
 // The reason of a failed call, for orb_get_last_error.  An exported entry
 // point that can fail (opening a file, reading it into columns) makes one
@@ -51,8 +55,9 @@ public:
     // The call succeeded: its lines are not a reason.
     void succeeded() { failed_ = false; }
 
-    // Keeps one logged line (called by the logger).
-    void keep(const char* line) noexcept;
+    // Keeps one logged line (called by the logger); a lasting one also
+    // outlives success.
+    void keep(const char* line, bool lasting = false) noexcept;
 
 private:
     // The kept lines, in order, and the last line when it did not fit.
@@ -61,6 +66,7 @@ private:
     LastErrorScope* outer_;
     std::string lines_;
     std::string last_;
+    std::string lasting_;
     bool dropped_ = false;
     bool failed_ = true;
 };

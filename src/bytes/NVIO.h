@@ -85,6 +85,20 @@ public:
     // Size of the whole data in bytes; -1 when not known.
     virtual int64_t length() const { return -1; }
 
+    // How the data ends, once all of it is there.
+    struct DataEnd {
+        int64_t size = -1;       // bytes of data; -1 when not known
+        bool inflated = false;   // the data is an inflated body
+        int64_t sourceLeft = -1; // inflating stopped at its limit: compressed bytes not inflated
+    };
+    // Waits, for data still arriving, until all of it is there.
+    virtual DataEnd dataEnd()
+    {
+        DataEnd end;
+        end.size = length();
+        return end;
+    }
+
 protected:
     // The window of data that the typed readers may take without a call:
     // [cur_, end_).  Implementations keep position_ in step when they move
@@ -177,6 +191,20 @@ public:
     const unsigned char* rest() const { return cur_; }
     size_t restSize() const { return size_t(end_ - cur_); }
     int64_t length() const override { return int64_t(size_); }
+    // The bytes are an inflated body; sourceLeft as in DataEnd.
+    void markInflated(int64_t sourceLeft)
+    {
+        inflated_ = true;
+        sourceLeft_ = sourceLeft;
+    }
+    DataEnd dataEnd() override
+    {
+        DataEnd end;
+        end.size = int64_t(size_);
+        end.inflated = inflated_;
+        end.sourceLeft = sourceLeft_;
+        return end;
+    }
 
 protected:
     bool refill() override { return false; }
@@ -186,6 +214,8 @@ private:
     std::unique_ptr<unsigned char[]> owned_;
     const unsigned char* data_;
     size_t size_;
+    bool inflated_ = false;
+    int64_t sourceLeft_ = -1;
 };
 
 #endif

@@ -16,8 +16,9 @@ constexpr unsigned kChunk = 16384;
 // next input and returns its size (0 at the end of the input, -1 on a read
 // error); write(bytes, n) returns false on a write error.  Returns 0 when
 // the stream ended or the limit was reached, else a negative zlib code.
+// When the limit is reached, *cut gets the input bytes inflated so far.
 template <class Read, class Write>
-int inflateBody(Read read, Write write, uint64_t limit, bool logLimit)
+int inflateBody(Read read, Write write, uint64_t limit, InflateCut* cut = nullptr)
 {
     unsigned char out[kChunk];
 
@@ -63,9 +64,10 @@ int inflateBody(Read read, Write write, uint64_t limit, bool logLimit)
             }
             total += have;
             if (full) {
-                if (logLimit)
-                    orb_log("Inflated body larger than %llu bytes; the rest is not read \n",
-                            static_cast<unsigned long long>(limit));
+                if (cut) {
+                    cut->reached = true;
+                    cut->inputUsed = strm.total_in;
+                }
                 inflateEnd(&strm);
                 return Z_OK;
             }
@@ -90,10 +92,16 @@ auto fileReader(FILE* source, unsigned char* in)
 
 } // namespace
 
-int inflateInto(FILE* source, const std::function<bool(const unsigned char*, size_t)>& sink)
+void logInflateLimit(uint64_t limit)
+{
+    orb_log("Inflated body larger than %llu bytes; the rest is not read \n", static_cast<unsigned long long>(limit));
+}
+
+int inflateInto(FILE* source, const std::function<bool(const unsigned char*, size_t)>& sink, InflateCut* cut,
+                uint64_t limit)
 {
     unsigned char in[kChunk];
-    return inflateBody(fileReader(source, in), sink, kInflatedBodyLimit, true);
+    return inflateBody(fileReader(source, in), sink, limit, cut);
 }
 
 std::unique_ptr<InputStream> inflateToMemory(const unsigned char* source, size_t size, uint64_t limit)
@@ -109,7 +117,10 @@ std::unique_ptr<InputStream> inflateToMemory(const unsigned char* source, size_t
         };
     };
     uint64_t total = 0;
-    inflateBody(reader(), [&](const unsigned char*, size_t n) { return total += n, true; }, limit, true);
+    InflateCut cut;
+    inflateBody(reader(), [&](const unsigned char*, size_t n) { return total += n, true; }, limit, &cut);
+    if (cut.reached)
+        logInflateLimit(limit);
 
     std::unique_ptr<unsigned char[]> body(new unsigned char[size_t(total) + 1]);
     size_t filled = 0;
@@ -120,8 +131,10 @@ std::unique_ptr<InputStream> inflateToMemory(const unsigned char* source, size_t
             filled += n;
             return true;
         },
-        total, false);
-    return std::make_unique<MemoryInputStream>(std::move(body), filled);
+        total);
+    auto stream = std::make_unique<MemoryInputStream>(std::move(body), filled);
+    stream->markInflated(cut.reached ? int64_t(size - cut.inputUsed) : -1);
+    return stream;
 }
 
 std::unique_ptr<InputStream> inflateToMemory(const unsigned char* source, size_t size)

@@ -159,6 +159,7 @@ private:
     void setOptions(int options);
     void open(std::unique_ptr<InputStream> source, ScannedSamples* scanned);
     ContainerForm readMagic();
+    void sayEarlyEnd(const ScanFacts& facts);
     bool settleTimeOffset(uint32_t first);
     int jumpToFirstTrial(uint32_t ORBTrial::*member, unsigned int time);
 };

@@ -87,9 +87,45 @@ void ORBFile::open(std::unique_ptr<InputStream> source, ScannedSamples* scanned)
     scan.loadSamples = loadSamples;
     scan.fixupMode = fixupMode;
     scan.sortWhileScanning = indexSorting == IndexSorting::WhileScanning;
-    preScan(decoder, index, scan, scanned);
+    const ScanFacts facts = preScan(decoder, index, scan, scanned);
     if (consistencyMode != 0)
         index.checkConsistency(fixupMode);
+    sayEarlyEnd(facts);
+}
+
+// The one line that says the items handed out end before the bytes do,
+// logged so that it stays the opening thread's last error.
+void ORBFile::sayEarlyEnd(const ScanFacts& facts)
+{
+    const char* reason = facts.stopReason;
+    int64_t at = facts.stopAt;
+    int64_t unreadFrom = facts.unreadFrom;
+    if (facts.zeroEvents != 0) {
+        // The walk ends at the first entry of code 0 (an event of type 0),
+        // which goes before the end of a scan.
+        const auto& items = index.items;
+        const auto zero = std::find_if(items.begin(), items.end(), [](const ORBItem& i) { return i.code() == 0; });
+        if (zero != items.end() && zero + 1 != items.end()) {
+            reason = "an event of type 0";
+            at = unreadFrom = int64_t(uint32_t(zero->position)) - 2; // its tag
+        }
+    }
+    const InputStream::DataEnd end = decoder.stream->dataEnd();
+    int64_t unread;
+    const char* unit = "";
+    if (reason == facts.stopReason && end.sourceLeft >= 0 && decoder.stream->eof()) {
+        // The scan ran into the end of a body cut at the inflating limit.
+        reason = "the inflating limit";
+        at = end.size;
+        unread = end.sourceLeft;
+        unit = "compressed ";
+    } else if (reason && end.size >= 0 && unreadFrom < end.size) {
+        unread = end.size - unreadFrom;
+    } else {
+        return;
+    }
+    orb_log_lasting("Reading stopped at byte %lld of the %s: %s (%lld %sbytes not read)\n", static_cast<long long>(at),
+                    end.inflated ? "inflated body" : "file", reason, static_cast<long long>(unread), unit);
 }
 
 ORBFile::~ORBFile() { decoder.close(); }

@@ -72,6 +72,8 @@ struct PairSlot {
 // entries.
 constexpr size_t kPublishEvery = 4096;
 
+constexpr const char* kDamagedItem = "a damaged item";
+
 // Eye byte of a block: the sample block's flag word has the left eye in
 // bit 15 and the right in bit 14, the event block's second flag word the
 // other way round.
@@ -123,6 +125,14 @@ private:
     Recording* pairBlock(unsigned code, const FEVENT& fe);
     void clearExtraDataFlagOfOpenBlock();
     void noteBlockStart();
+    // The scan ends at the item that begins at `at`.
+    void stop(const char* reason, int64_t at, int64_t unreadFrom)
+    {
+        facts_.stopReason = reason;
+        facts_.stopAt = at;
+        facts_.unreadFrom = unreadFrom;
+    }
+    int64_t streamAt() const { return int64_t(uint32_t(dec_.stream->position())); }
 
     ItemDecoder& dec_;
     ItemIndex& index_;
@@ -203,6 +213,7 @@ ScanFacts PreScanner::run()
             sorter_.publish(finalEntries());
             nextPublish = index_.items.size() + kPublishEvery;
         }
+        const int64_t itemAt = dec_.stream ? streamAt() : 0;
         int kind;
         try {
             kind = dec_.next_combfile_item(nullptr);
@@ -210,10 +221,14 @@ ScanFacts PreScanner::run()
             if (!tolerant_)
                 throw;
             orb_log("Error reading items %s \n", e.what());
+            stop(kDamagedItem, itemAt, itemAt);
             break;
         }
-        if (kind == -1)
+        if (kind == -1) {
+            if (dec_.stream && dec_.pendingTag == 0 && streamAt() == itemAt + 2)
+                stop("an item tag of 0", itemAt, itemAt + 2);
             break;
+        }
         if (kind == 2) {
             orb_log("error reading orb file 3\n");
             throw ORBException("Error reading orb file unknown data type");
@@ -221,8 +236,10 @@ ScanFacts PreScanner::run()
         const int32_t position = dec_.stream->position();
         const uint16_t header = dec_.pendingTag;
         const bool more = kind == 1 ? scanSample(position, header) : scanEvent(position, header);
-        if (!more)
+        if (!more) {
+            stop(kDamagedItem, itemAt, itemAt);
             break;
+        }
     }
     facts_.positionsAreOffsets = trueStart && dec_.stream->positionIsOffset();
     if (receiver)
@@ -392,6 +409,9 @@ bool PreScanner::scanEvent(int32_t position, uint16_t header)
         block = pairBlock(c, fe);
         key = 2 * uint64_t(fe.endTime);
         type = marked;
+        break;
+    case 0:
+        ++facts_.zeroEvents;
         break;
     default:
         break; // point events, messages and unknown codes

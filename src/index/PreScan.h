@@ -26,6 +26,16 @@ struct ScanFacts {
     // stream whose positions were counted from elsewhere, or wrapped,
     // re-reads other bytes).
     bool positionsAreOffsets = false;
+    // Why the scan stopped before the stream's end, if it did: "an item
+    // tag of 0" or, in a tolerant scan, "a damaged item"; null when it read
+    // on to the end.  stopAt is the stream position where that item begins,
+    // unreadFrom that of the first byte the scan took nothing from (after the
+    // tag of 0; the damaged item itself).
+    const char* stopReason = nullptr;
+    int64_t stopAt = -1;
+    int64_t unreadFrom = -1;
+    // Events of type 0 indexed: the cursor's walk ends at the first.
+    uint64_t zeroEvents = 0;
 };
 
 // How to scan.

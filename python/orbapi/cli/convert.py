@@ -270,4 +270,10 @@ def _summary_line(result: datasets.ConvertResult, fmt: str, total: int) -> str:
     if result.warnings:
         n = len(result.warnings)
         text += f" {n} recording{'s' if n != 1 else ''} reported damage (see orb info)."
+    ended = list(result.ended_early.items())
+    if ended:
+        named = "; ".join(f"{os.path.basename(p)}: {e['line'][0].lower()}{e['line'][1:]}" for p, e in ended[:3])
+        more = f"; and {len(ended) - 3} more" if len(ended) > 3 else ""
+        n = len(ended)
+        text += f" {n} recording{'s' if n != 1 else ''} ended early ({named}{more})."
     return text
